@@ -1,0 +1,44 @@
+// CSVString: a std::string with printf-style formatting into itself.
+#pragma once
+
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+
+template <class StringT, class CharT>
+class CSVString : public StringT {
+ public:
+  using StringT::StringT;
+  CSVString() = default;
+  CSVString(const StringT& other) : StringT(other) {}  // NOLINT(google-explicit-constructor)
+
+  // Replaces the contents with the formatted text; no fixed buffer.
+  CSVString& Format(const CharT* format, ...) __attribute__((format(printf, 2, 3))) {
+    va_list args;
+    va_start(args, format);
+    FormatV(*this, format, args);
+    va_end(args);
+    return *this;
+  }
+
+  // Formats into target and returns the count of characters written. A
+  // format error makes the measured count negative; the resize then throws
+  // std::length_error before anything is written.
+  static int FormatV(StringT& target, const CharT* format, va_list args) {
+    va_list copy;
+    va_copy(copy, args);
+    const int measured = std::vsnprintf(nullptr, 0, format, args);
+    try {
+      target.resize(static_cast<typename StringT::size_type>(static_cast<long long>(measured)), CharT());
+    } catch (...) {
+      va_end(copy);
+      throw;
+    }
+    // data() of a non-const std::string is the string's own buffer: C++11
+    // strings never share storage with a copy, so writing here cannot reach
+    // another string.
+    const int written = std::vsnprintf(&target[0], target.size() + 1, format, copy);
+    va_end(copy);
+    return written;
+  }
+};
