@@ -11,6 +11,10 @@ namespace halvane {
 // ----- trace (the global Debug object) -------------------------------------
 // Where CDebug::Print writes. Each Print call's text is written whole, with
 // nothing added, and never interleaved with another thread's.
+// Defaults: trace switch off, sink standard error, level 5 (every level the
+// module uses passes), debug name "em-host". Print itself does not test the
+// switch; that is the caller's guard (frame/Trace.h), so a call made with
+// the switch off still shows up in the sink and in PrintCallCount.
 void TraceToStderr();
 bool TraceToFile(const char* path, std::string* error = nullptr);  // appends
 void TraceToMemory();                 // captured until TakeTrace
@@ -18,6 +22,10 @@ std::string TakeTrace();              // the captured text, cleared afterwards
 void SetTraceLevel(unsigned int maxLevel);  // Print calls above maxLevel are dropped
 void SetTraceSwitch(bool on);         // Debug.m_TraceSwitch
 void SetDebugName(const char* name);  // Debug.m_DebugName
+unsigned int TraceLevel();            // the current maximum level
+// Every CDebug::Print call since the process started, also those filtered
+// out by level: lets a test prove that no call was made at all.
+unsigned long PrintCallCount();
 
 // ----- configuration store (CRegistry) --------------------------------------
 // The store is process-wide. Key paths use "\\" separators and are compared
@@ -33,7 +41,14 @@ bool LoadRegistryFile(const char* path, std::string* error);
 std::string ProductRootKey(const char* productName);
 
 // ----- thread monitor (pThreadMonitor, ThreadCounter) ----------------------
-void InstallThreadMonitor();  // a fresh, empty table
-void RemoveThreadMonitor();   // pThreadMonitor becomes null; the table is freed
+// A fresh, empty table (a table installed before is freed) whose table
+// mutex is a host-owned mutex; ThreadCounter is reset to 0. CThread::Start
+// then fills in the thread id and the running bit 0x10 of the thread's
+// entry and counts ThreadCounter up, all under the table mutex.
+void InstallThreadMonitor();
+// pThreadMonitor becomes null; the table is freed with the entry mutexes and
+// name copies in it. Only call it while no monitored thread runs and no
+// CThread that registered in the table is still alive.
+void RemoveThreadMonitor();
 
 }  // namespace halvane
