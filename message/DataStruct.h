@@ -1,6 +1,6 @@
 // CDataStruct: a JSON document with typed member setters that refuse to turn
-// a member into another type. SipJson derives from it; a data document of
-// named arguments is one on its own.
+// a member into another type, plus its compact JSON text form. SipJson
+// derives from it; a data document of named arguments is one on its own.
 #pragma once
 
 #include <cstddef>
@@ -30,8 +30,10 @@ class CDataStruct {
 
   // Compact JSON text of the root, members in document order.
   std::string ToJson() const;
-  // Replaces the root by the parsed text. Refuses text nested deeper than
-  // maxDepth (the deep copy recurses) and says why in *error.
+  // Replaces the root by the parsed text. Refuses malformed text and text
+  // nested deeper than maxDepth objects/arrays (the root object is depth 1;
+  // the deep copy and the writer recurse) and says why in *error; on failure
+  // the document is left as it was.
   bool FromJson(const char* text, std::size_t length, unsigned int maxDepth = 32,
                 std::string* error = nullptr);
 
