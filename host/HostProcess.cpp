@@ -1,0 +1,365 @@
+// The stand-alone host's child processes: CProcess::ExecuteCmd, WaitForExit,
+// TerminateProcess and FindProcess.
+//
+// Every child started by ExecuteCmd is kept in a spawn table until it is
+// reaped, with a pidfd that all its waiters poll. Two rules keep process ids
+// from being mistaken for somebody else's after reuse:
+//  - a child is reaped only under the table's lock, and it leaves the table
+//    in the same step;
+//  - a process (or its group) is signalled only under that lock, while its
+//    entry is still in the table, i.e. while the id is still reserved by our
+//    unreaped child.
+//
+// Exit codes: the child's exit status; for a child ended by a signal, 128 +
+// the signal number; for a child ended through TerminateProcess, the code
+// given there. When the status was lost (SIGCHLD set to SIG_IGN reaps
+// children behind our back) a child not terminated by us reports 255.
+#include "frame/HostServices.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/pidfd.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+extern char** environ;
+
+namespace {
+
+constexpr unsigned int kLostStatusCode = 255;
+// How many reaped children keep their exit code for a late WaitForExit.
+constexpr std::size_t kExitedMemory = 256;
+
+struct CChild {
+  pid_t m_Pid = 0;
+  int m_PidFd = -1;             // owned; closed when the last waiter lets go
+  bool m_Reaped = false;
+  unsigned int m_ExitCode = 0;
+  bool m_Terminated = false;    // TerminateProcess ended it
+  unsigned int m_TerminateCode = 0;
+
+  CChild() = default;
+  CChild(const CChild&) = delete;
+  CChild& operator=(const CChild&) = delete;
+  ~CChild() {
+    if (m_PidFd >= 0) ::close(m_PidFd);  // never retried on EINTR: the fd is gone either way
+  }
+};
+
+using CChildPtr = std::shared_ptr<CChild>;
+
+struct CSpawnTable {
+  std::mutex m_Mutex;
+  std::map<pid_t, CChildPtr> m_Live;           // spawned, not yet reaped
+  std::map<pid_t, unsigned int> m_Exited;      // reaped: the code they reported
+  std::deque<pid_t> m_ExitedOrder;             // oldest first, to bound m_Exited
+};
+
+CSpawnTable& Spawns() {
+  static CSpawnTable* const table = new CSpawnTable;  // children may outlive static destruction
+  return *table;
+}
+
+void RememberExitLocked(CSpawnTable& table, pid_t pid, unsigned int code) {
+  if (table.m_Exited.find(pid) == table.m_Exited.end()) table.m_ExitedOrder.push_back(pid);
+  table.m_Exited[pid] = code;
+  while (table.m_ExitedOrder.size() > kExitedMemory) {
+    table.m_Exited.erase(table.m_ExitedOrder.front());
+    table.m_ExitedOrder.pop_front();
+  }
+}
+
+unsigned int CodeFromSiginfo(const siginfo_t& info) {
+  if (info.si_code == CLD_EXITED) return static_cast<unsigned int>(info.si_status);
+  return 128u + static_cast<unsigned int>(info.si_status);  // CLD_KILLED, CLD_DUMPED
+}
+
+// Reaps child if it has ended. Table lock held. True when the child is (now
+// or already) reaped; its code is then in m_ExitCode.
+bool ReapLocked(CSpawnTable& table, CChild& child) {
+  if (child.m_Reaped) return true;
+  siginfo_t info;
+  std::memset(&info, 0, sizeof(info));
+  int rc;
+  do {
+    rc = ::waitid(P_PID, static_cast<id_t>(child.m_Pid), &info, WEXITED | WNOHANG);
+  } while (rc < 0 && errno == EINTR);
+  unsigned int code = 0;
+  if (rc == 0) {
+    if (info.si_pid != child.m_Pid) return false;  // still running
+    code = CodeFromSiginfo(info);
+  } else {
+    code = kLostStatusCode;  // ECHILD: reaped behind our back, status lost
+  }
+  if (child.m_Terminated) code = child.m_TerminateCode;
+  child.m_ExitCode = code;
+  child.m_Reaped = true;
+  table.m_Live.erase(child.m_Pid);
+  RememberExitLocked(table, child.m_Pid, code);
+  return true;
+}
+
+// True when the (unreaped) child has already ended; does not reap it.
+bool HasEndedLocked(const CChild& child) {
+  siginfo_t info;
+  std::memset(&info, 0, sizeof(info));
+  int rc;
+  do {
+    rc = ::waitid(P_PID, static_cast<id_t>(child.m_Pid), &info, WEXITED | WNOHANG | WNOWAIT);
+  } while (rc < 0 && errno == EINTR);
+  return rc != 0 || info.si_pid == child.m_Pid;
+}
+
+// Milliseconds left until deadline (CLOCK_MONOTONIC), at least 0.
+int MillisecondsLeft(const timespec& deadline) {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const long long left = (static_cast<long long>(deadline.tv_sec) - now.tv_sec) * 1000LL +
+                         (deadline.tv_nsec - now.tv_nsec) / 1000000LL;
+  if (left <= 0) return 0;
+  return left > INT_MAX ? INT_MAX : static_cast<int>(left);
+}
+
+// Waits for the child to end and reaps it (unless another waiter did first).
+// timeoutMs CEvent::kInfinite waits without limit. poll() and waitid() are
+// cancellation points: a thread killed here leaves the child in the table,
+// still running and still ours to terminate and reap.
+bool WaitAndReap(const CChildPtr& child, unsigned int timeoutMs, unsigned int& exitCode) {
+  CSpawnTable& table = Spawns();
+  const bool infinite = timeoutMs == CEvent::kInfinite;
+  timespec deadline{};
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000u);
+  deadline.tv_nsec += static_cast<long>(timeoutMs % 1000u) * 1000000L;
+  if (deadline.tv_nsec >= 1000000000L) {
+    deadline.tv_sec += 1;
+    deadline.tv_nsec -= 1000000000L;
+  }
+
+  for (;;) {
+    {
+      std::lock_guard<std::mutex> lock(table.m_Mutex);
+      if (ReapLocked(table, *child)) {
+        exitCode = child->m_ExitCode;
+        return true;
+      }
+    }
+    if (child->m_PidFd >= 0) {
+      pollfd descriptor{child->m_PidFd, POLLIN, 0};
+      const int rc = ::poll(&descriptor, 1, infinite ? -1 : MillisecondsLeft(deadline));
+      if (rc < 0 && errno != EINTR) return false;
+      if (rc == 0) return false;  // timed out
+    } else {
+      // No pidfd (kernel without pidfd_open): block in waitid without
+      // reaping, so that the reap itself still happens under the lock.
+      if (!infinite) return false;
+      siginfo_t info;
+      std::memset(&info, 0, sizeof(info));
+      if (::waitid(P_PID, static_cast<id_t>(child->m_Pid), &info, WEXITED | WNOWAIT) < 0 &&
+          errno != EINTR) {
+        std::lock_guard<std::mutex> lock(table.m_Mutex);
+        if (!ReapLocked(table, *child)) return false;
+      }
+    }
+  }
+}
+
+bool ValidPid(unsigned int processId) {
+  return processId != 0 && processId <= static_cast<unsigned int>(INT_MAX);
+}
+
+// Reads a small /proc file whole; empty on any error.
+std::string ReadSmallFile(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::string();
+  std::string text;
+  char buffer[512];
+  for (;;) {
+    const ssize_t got = ::read(fd, buffer, sizeof(buffer));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) break;
+    text.append(buffer, static_cast<std::size_t>(got));
+    if (text.size() > 65536) break;
+  }
+  ::close(fd);
+  return text;
+}
+
+// The kernel keeps at most 15 characters of a process name in comm.
+constexpr std::size_t kCommLength = 15;
+
+bool ProcessMatches(const char* pidText, const char* name) {
+  const std::string base = std::string("/proc/") + pidText;
+  std::string comm = ReadSmallFile(base + "/comm");
+  if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+  const std::size_t nameLength = std::strlen(name);
+  if (nameLength <= kCommLength) {
+    if (comm != name) return false;
+  } else {
+    // A longer name shows up cut in comm; the first word of the command
+    // line must then name it in full.
+    if (comm != std::string(name, kCommLength)) return false;
+    const std::string commandLine = ReadSmallFile(base + "/cmdline");
+    const std::string first = commandLine.substr(0, commandLine.find('\0'));
+    const std::size_t slash = first.rfind('/');
+    if ((slash == std::string::npos ? first : first.substr(slash + 1)) != name) return false;
+  }
+  // Zombies have ended: only a running process counts. The state follows
+  // the last ')' in stat (the name itself may hold parentheses).
+  const std::string stat = ReadSmallFile(base + "/stat");
+  const std::size_t close = stat.rfind(')');
+  if (close == std::string::npos || close + 2 >= stat.size()) return false;
+  const char state = stat[close + 2];
+  return state != 'Z' && state != 'X' && state != 'x';
+}
+
+}  // namespace
+
+// workingDir, when given, is the child's working directory. hidden has no
+// meaning without a window system and is ignored.
+bool CProcess::ExecuteCmd(const char* commandLine, unsigned int& processId, unsigned int& exitCode,
+                          const char* workingDir, bool /*hidden*/) {
+  if (commandLine == nullptr || *commandLine == '\0') return false;
+
+  // The whole command line is the path of the program: no shell, no word
+  // splitting, no search along PATH. A path with blanks or ';' runs exactly
+  // that file.
+  struct stat status;
+  if (::stat(commandLine, &status) != 0 || !S_ISREG(status.st_mode)) return false;
+
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  // Own process group (pgid = the child's pid): TerminateProcess ends the
+  // child together with whatever it started.
+  posix_spawnattr_setpgroup(&attributes, 0);
+  sigset_t mask;
+  sigemptyset(&mask);
+  posix_spawnattr_setsigmask(&attributes, &mask);
+  sigset_t defaults;
+  sigfillset(&defaults);  // every catchable signal back to its default action
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
+  posix_spawnattr_setflags(&attributes,
+                           POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  if (workingDir != nullptr && *workingDir != '\0') {
+    posix_spawn_file_actions_addchdir_np(&actions, workingDir);
+  }
+
+  char* const arguments[] = {const_cast<char*>(commandLine), nullptr};
+  CSpawnTable& table = Spawns();
+  CChildPtr child;
+  {
+    // Spawn and register under the lock: TerminateProcess and WaitForExit
+    // never see a child that exists but is not in the table yet.
+    std::lock_guard<std::mutex> lock(table.m_Mutex);
+    pid_t pid = 0;
+    const int rc = posix_spawn(&pid, commandLine, &actions, &attributes, arguments, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    if (rc != 0) return false;  // glibc reports a failed exec here (missing, not executable, ...)
+
+    child = std::make_shared<CChild>();
+    child->m_Pid = pid;
+    child->m_PidFd = pidfd_open(pid, 0);  // close-on-exec by nature
+    table.m_Live[pid] = child;
+    auto exited = table.m_Exited.find(pid);
+    if (exited != table.m_Exited.end()) table.m_Exited.erase(exited);  // an old child's id came back
+    // Visible to other threads from here on (the module reads it with an
+    // atomic load to terminate a long run).
+    __atomic_store_n(&processId, static_cast<unsigned int>(pid), __ATOMIC_RELEASE);
+  }
+
+  unsigned int code = 0;
+  if (!WaitAndReap(child, CEvent::kInfinite, code)) return false;
+  exitCode = code;
+  return true;
+}
+
+bool CProcess::FindProcess(unsigned int& processId, const char* processName) {
+  if (processName == nullptr || *processName == '\0') return false;
+  DIR* const proc = ::opendir("/proc");  // opened close-on-exec by the C library
+  if (proc == nullptr) return false;
+  bool found = false;
+  while (const dirent* item = ::readdir(proc)) {
+    const char* name = item->d_name;
+    if (*name < '1' || *name > '9') continue;
+    char* end = nullptr;
+    const unsigned long pid = std::strtoul(name, &end, 10);
+    if (*end != '\0' || pid > static_cast<unsigned long>(INT_MAX)) continue;
+    if (ProcessMatches(name, processName)) {
+      processId = static_cast<unsigned int>(pid);
+      found = true;
+      break;
+    }
+  }
+  ::closedir(proc);
+  return found;
+}
+
+// Only children started by ExecuteCmd can be waited for. One that was
+// reaped already (by ExecuteCmd or an earlier wait) reports its code at
+// once; any other id yields false.
+bool CProcess::WaitForExit(unsigned int processId, unsigned int& exitCode, unsigned int timeoutMs) {
+  if (!ValidPid(processId)) return false;
+  const pid_t pid = static_cast<pid_t>(processId);
+  CSpawnTable& table = Spawns();
+  CChildPtr child;
+  {
+    std::lock_guard<std::mutex> lock(table.m_Mutex);
+    auto live = table.m_Live.find(pid);
+    if (live != table.m_Live.end()) {
+      child = live->second;
+    } else {
+      auto exited = table.m_Exited.find(pid);
+      if (exited == table.m_Exited.end()) return false;
+      exitCode = exited->second;
+      return true;
+    }
+  }
+  unsigned int code = 0;
+  if (!WaitAndReap(child, timeoutMs, code)) return false;
+  exitCode = code;
+  return true;
+}
+
+// SIGKILL to the child and its process group, so nothing it started lives
+// on. A child that had already ended by itself keeps its own exit code.
+bool CProcess::TerminateProcess(unsigned int processId, unsigned int exitCode) {
+  if (!ValidPid(processId)) return false;
+  const pid_t pid = static_cast<pid_t>(processId);
+  CSpawnTable& table = Spawns();
+  std::lock_guard<std::mutex> lock(table.m_Mutex);
+  auto live = table.m_Live.find(pid);
+  if (live == table.m_Live.end()) return false;  // not ours, or already reaped: signal nobody
+  CChild& child = *live->second;
+  if (HasEndedLocked(child)) return true;
+  child.m_Terminated = true;
+  child.m_TerminateCode = exitCode;
+  if (child.m_PidFd >= 0) {
+    pidfd_send_signal(child.m_PidFd, SIGKILL, nullptr, 0);
+  } else {
+    ::kill(pid, SIGKILL);
+  }
+  // The group id equals the child's id, which our unreaped child still
+  // reserves. It fails harmlessly when the child left its group.
+  ::kill(-pid, SIGKILL);
+  return true;
+}
