@@ -11,6 +11,7 @@
 #include <pthread.h>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 
 namespace {
 
@@ -47,6 +48,16 @@ unsigned int AdvanceStatusCounter(_CTHREADMONITOR_ENTRY* entry, const char* over
   return entry->m_StatusCounter;
 }
 
+// A handle belongs to the table it was registered in. In the host that table
+// lives as long as the process; a stand-alone host may replace it, and an
+// object that outlived its table must not write into freed memory.
+bool InMonitorTable(const CTHREADMONITOR* monitor, const _CTHREADMONITOR_ENTRY* entry) {
+  if (monitor == nullptr || entry == nullptr) return false;
+  const std::less<const _CTHREADMONITOR_ENTRY*> before;
+  return !before(entry, &monitor->m_Entries[0]) &&
+         before(entry, &monitor->m_Entries[CTHREADMONITOR::kMaxEntries]);
+}
+
 unsigned int ThreadIdText(std::uint64_t id) { return static_cast<unsigned int>(id); }
 
 const char* PrintableText(const char* text) { return text != nullptr ? text : "(null)"; }
@@ -81,7 +92,7 @@ CThread::~CThread() {
   if (KillStillAliveThread != 0) Kill(0);
 
   _CTHREADMONITOR_ENTRY* const entry = ThreadMonHandle;
-  if (pThreadMonitor != nullptr && entry != nullptr) {
+  if (InMonitorTable(pThreadMonitor, entry)) {
     LockEntry(entry);
     const unsigned int slot = AdvanceStatusCounter(entry, kSetEntryStatusOverflow);
     unsigned int entryStatus = entry->m_EntryStatus[slot - 1];
@@ -153,7 +164,7 @@ void CThreadMonitor::SetEntryStatus(_CTHREADMONITOR_ENTRY* entry, unsigned int e
 
 void CThreadMonitor::SetThreadName(CThread& thread, const char* debugName, const char* qualifier) {
   _CTHREADMONITOR_ENTRY* const entry = thread.ThreadMonHandle;
-  if (pThreadMonitor != nullptr && entry != nullptr) {
+  if (InMonitorTable(pThreadMonitor, entry)) {
     LockEntry(entry);
     std::free(entry->m_pszDebugName);
     entry->m_pszDebugName = nullptr;
