@@ -1,0 +1,95 @@
+// The archive transfer job (opcode 0x3402): ask the HTI module, through the
+// switch, to copy the archive into the BMC, and pass its status back.
+#include <sys/stat.h>
+
+#include <string>
+
+#include "frame/Trace.h"
+#include "message/DataStruct.h"
+#include "message/RapidJsonUtil.h"
+#include "module/EM_KORVEX.h"
+#include "module/ModuleConstants.h"
+
+bool EM_KORVEX::TransferArchiveToBmc(SipJson& request) {
+  if (__atomic_load_n(&m_SwitchShutdown, __ATOMIC_RELAXED) != 0) {
+    request.SetStatus(korvex::kStatusJobFailed);
+    KORVEX_TRACE(2,
+                 "\n\nEM_KORVEX (Transfer): ## ERROR: SWITCH shutdown in progress - do not "
+                 "transfer archive");
+    return false;
+  }
+
+  // The file name on the BMC side: a string, or a "RAW" byte block up to its
+  // first 0 byte; anything else leaves it empty and the HTI module decides.
+  std::string bmcLocalName;
+  request.GetDataString(bmcLocalName);
+  unsigned int timeout = request.GetCmdValue(request.m_CmdIndex, "TO", 0) & 0xFFFFu;
+
+  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer): Transfer archive to BMC, timeout=%d sec.", timeout);
+  if (!bmcLocalName.empty()) {
+    KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   ...BMC local name = \"%s\"", bmcLocalName.c_str());
+  }
+
+  // One second less for the HTI module, so that its answer is back before
+  // the requester gives up on ours.
+  if (timeout >= 2) {
+    timeout -= 1;
+  }
+
+  struct stat archive;
+  if (stat(m_ArchivePath.c_str(), &archive) != 0) {
+    request.SetStatus(korvex::kStatusNoArchive);
+    KORVEX_TRACE(1,
+                 "\n\nEM_KORVEX (Transfer): ## ERROR! Korvex archive does not exist - cannot "
+                 "transfer file!\n");
+    return false;
+  }
+
+  SipJson transfer;
+  JsonValue& command = transfer.GetCmd();
+  command.SetObject();
+  transfer.SetCmdValue(command, "OC", korvex::OPCODE_HTI_FILE_TRANSFER, 0);
+  transfer.SetCmdValue(command, "OE", 0, 1);
+  transfer.SetCmdValue(command, "OI", 0, 1);
+  transfer.SetCmdValue(command, "TO", timeout, 1);
+
+  CDataStruct data;
+  data.SetNumber("FileType", korvex::KORVEX_FILE_TYPE, 1);
+  data.SetString("LocalFilePath", m_ArchivePath.c_str());
+  data.SetString("BmcFilePath", bmcLocalName.c_str());
+
+  command.RemoveMember("DA");
+  JsonValue dataCopy(rapidjson::kObjectType);
+  CRapidJsonUtil::CopyValue(dataCopy, static_cast<const JsonValue&>(data.Document()),
+                            transfer.Allocator());
+  command.AddMember(JsonValue(rapidjson::StringRef("DA")), dataCopy, transfer.Allocator());
+
+  KORVEX_TRACE(3,
+               "\nEM_KORVEX (Transfer): Sending Korvex archive transfer down to HTI module "
+               "(AsyncRequest)...");
+  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   local file: %s", m_ArchivePath.c_str());
+  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   BMC file:   %s", bmcLocalName.c_str());
+  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   file type:  %d (Korvex)", korvex::KORVEX_FILE_TYPE);
+  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   timeout:    %d sec.", timeout);
+
+  if (m_pSwitch != nullptr) {
+    m_pSwitch->AsyncRequest(this, transfer, korvex::kTransferSwitchTimeout);
+  } else {
+    transfer.SetStatus(korvex::kStatusJobFailed);
+  }
+
+  // A HTI module that wrote no status leaves the "answer follows" value.
+  const unsigned int commandStatus =
+      transfer.GetCmdValue(transfer.m_CmdIndex, "ST", korvex::kStatusQueued);
+  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer): Korvex archive transfer finished, cmd status = 0x%02X",
+               commandStatus);
+
+  // The reply carries the status only: the requester's file name goes.
+  JsonValue& incoming = request.GetCmd();
+  if (incoming.IsObject()) {
+    incoming.RemoveMember("DA");
+  }
+  request.SetCmdValue(incoming, "ST", commandStatus, 0);
+
+  return commandStatus == korvex::kStatusDone;
+}
