@@ -21,7 +21,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/pidfd.h>
+#include <sys/syscall.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -180,8 +180,18 @@ bool WaitAndReap(const CChildPtr& child, unsigned int timeoutMs, unsigned int& e
   }
 }
 
+// 0 and 1 are never our children; and a negative id given to kill() would
+// address a process group (-1: every process we may signal).
+// Called through syscall(): the C library's <sys/pidfd.h> of this
+// generation declares them without C linkage for C++.
+int OpenPidFd(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0u)); }
+
+int SendSignal(int pidFd, int signal) {
+  return static_cast<int>(::syscall(SYS_pidfd_send_signal, pidFd, signal, nullptr, 0u));
+}
+
 bool ValidPid(unsigned int processId) {
-  return processId != 0 && processId <= static_cast<unsigned int>(INT_MAX);
+  return processId > 1 && processId <= static_cast<unsigned int>(INT_MAX);
 }
 
 // Reads a small /proc file whole; empty on any error.
@@ -209,11 +219,11 @@ bool ProcessMatches(const char* pidText, const char* name) {
   std::string comm = ReadSmallFile(base + "/comm");
   if (!comm.empty() && comm.back() == '\n') comm.pop_back();
   const std::size_t nameLength = std::strlen(name);
-  if (nameLength <= kCommLength) {
+  if (nameLength < kCommLength) {
     if (comm != name) return false;
   } else {
-    // A longer name shows up cut in comm; the first word of the command
-    // line must then name it in full.
+    // comm may be a longer name cut to 15 characters: the first word of the
+    // command line must then name the program in full.
     if (comm != std::string(name, kCommLength)) return false;
     const std::string commandLine = ReadSmallFile(base + "/cmdline");
     const std::string first = commandLine.substr(0, commandLine.find('\0'));
@@ -278,7 +288,7 @@ bool CProcess::ExecuteCmd(const char* commandLine, unsigned int& processId, unsi
 
     child = std::make_shared<CChild>();
     child->m_Pid = pid;
-    child->m_PidFd = pidfd_open(pid, 0);  // close-on-exec by nature
+    child->m_PidFd = OpenPidFd(pid);  // close-on-exec by nature
     table.m_Live[pid] = child;
     auto exited = table.m_Exited.find(pid);
     if (exited != table.m_Exited.end()) table.m_Exited.erase(exited);  // an old child's id came back
@@ -354,7 +364,7 @@ bool CProcess::TerminateProcess(unsigned int processId, unsigned int exitCode) {
   child.m_Terminated = true;
   child.m_TerminateCode = exitCode;
   if (child.m_PidFd >= 0) {
-    pidfd_send_signal(child.m_PidFd, SIGKILL, nullptr, 0);
+    SendSignal(child.m_PidFd, SIGKILL);
   } else {
     ::kill(pid, SIGKILL);
   }

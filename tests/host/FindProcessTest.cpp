@@ -1,0 +1,111 @@
+// CProcess::FindProcess: a running process is found by its exact name only,
+// and a process that has ended (a zombie) is not running. The processes are
+// copies of /bin/sleep inside a private temp directory, started here
+// directly so that they can be given an argument.
+#include "frame/HostServices.h"
+#include "tests/host/HostTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
+
+extern char** environ;
+
+namespace {
+
+using hosttest::CTempDir;
+using hosttest::WaitUntil;
+
+class FindProcessTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(m_Dir.Valid()); }
+  void TearDown() override {
+    for (pid_t pid : m_Children) {
+      ::kill(pid, SIGKILL);
+      int status = 0;
+      ::waitpid(pid, &status, 0);
+    }
+  }
+
+  // Starts a copy of sleep named name with the given argument.
+  pid_t StartCopy(const std::string& name, const char* seconds) {
+    const std::string path = m_Dir / name;
+    std::error_code error;
+    std::filesystem::copy_file("/bin/sleep", path, std::filesystem::copy_options::overwrite_existing,
+                               error);
+    EXPECT_FALSE(error) << error.message();
+    std::filesystem::permissions(path, std::filesystem::perms(0755), error);
+    char* const arguments[] = {const_cast<char*>(path.c_str()), const_cast<char*>(seconds), nullptr};
+    pid_t pid = 0;
+    EXPECT_EQ(0, posix_spawn(&pid, path.c_str(), nullptr, nullptr, arguments, environ));
+    if (pid > 0) m_Children.push_back(pid);
+    return pid;
+  }
+
+  static bool NameShows(pid_t pid, const std::string& name) {
+    std::string comm = hosttest::ReadFile("/proc/" + std::to_string(pid) + "/comm");
+    if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+    return comm == name.substr(0, 15);
+  }
+
+  CTempDir m_Dir;
+  std::vector<pid_t> m_Children;
+};
+
+TEST_F(FindProcessTest, RunningKorvexIsFoundWithItsId) {
+  const pid_t pid = StartCopy("Korvex", "30");
+  ASSERT_GT(pid, 0);
+  ASSERT_TRUE(WaitUntil([&] { return NameShows(pid, "Korvex"); }));
+  unsigned int found = 0;
+  EXPECT_TRUE(CProcess::FindProcess(found, "Korvex"));
+  EXPECT_EQ(static_cast<unsigned int>(pid), found);
+}
+
+TEST_F(FindProcessTest, Korvex2IsNotKorvexAndKorvexIsNotKorve) {
+  const pid_t pid = StartCopy("Korvex2", "30");
+  ASSERT_GT(pid, 0);
+  ASSERT_TRUE(WaitUntil([&] { return NameShows(pid, "Korvex2"); }));
+  unsigned int found = 0xC0FFEEu;
+  EXPECT_FALSE(CProcess::FindProcess(found, "Korvex"));
+  EXPECT_EQ(0xC0FFEEu, found);  // untouched when nothing is found
+  EXPECT_FALSE(CProcess::FindProcess(found, "Korvex22"));
+  EXPECT_FALSE(CProcess::FindProcess(found, "Korve"));
+  EXPECT_TRUE(CProcess::FindProcess(found, "Korvex2"));
+  EXPECT_EQ(static_cast<unsigned int>(pid), found);
+}
+
+TEST_F(FindProcessTest, EndedProcessIsNotRunning) {
+  const pid_t pid = StartCopy("Korvex", "0");
+  ASSERT_GT(pid, 0);
+  // Not reaped yet: a zombie that still carries the name.
+  ASSERT_TRUE(WaitUntil([&] { return hosttest::ProcessState(pid) == 'Z'; }));
+  ASSERT_TRUE(NameShows(pid, "Korvex"));
+  unsigned int found = 0;
+  EXPECT_FALSE(CProcess::FindProcess(found, "Korvex"));
+}
+
+TEST_F(FindProcessTest, NameLongerThanTheKernelKeepsIsMatchedInFull) {
+  const pid_t pid = StartCopy("KorvexCollector1", "30");
+  ASSERT_GT(pid, 0);
+  ASSERT_TRUE(WaitUntil([&] { return NameShows(pid, "KorvexCollector1"); }));
+  unsigned int found = 0;
+  EXPECT_TRUE(CProcess::FindProcess(found, "KorvexCollector1"));
+  EXPECT_EQ(static_cast<unsigned int>(pid), found);
+  EXPECT_FALSE(CProcess::FindProcess(found, "KorvexCollector2"));  // same first 15 characters
+  EXPECT_FALSE(CProcess::FindProcess(found, "KorvexCollector"));
+}
+
+TEST_F(FindProcessTest, EmptyOrNullNameFindsNothing) {
+  unsigned int found = 0xC0FFEEu;
+  EXPECT_FALSE(CProcess::FindProcess(found, ""));
+  EXPECT_FALSE(CProcess::FindProcess(found, nullptr));
+  EXPECT_EQ(0xC0FFEEu, found);
+}
+
+}  // namespace
