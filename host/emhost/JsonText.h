@@ -1,0 +1,11 @@
+// Compact JSON text for em-host's output lines.
+#pragma once
+
+#include <string>
+
+#include "message/JsonTypes.h"
+
+// The value as compact JSON, members in document order.
+std::string CompactJson(const JsonValue& value);
+// text as a JSON string literal, quotes included.
+std::string JsonQuote(const std::string& text);

@@ -1,0 +1,99 @@
+// dlopen of the module library and the module instance's life.
+#include "host/emhost/ModuleHost.h"
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+bool CModuleLibrary::Load(const std::string& path, std::string* error) {
+  m_Path = path;
+  dlerror();
+  m_pHandle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (m_pHandle == nullptr) {
+    const char* why = dlerror();
+    if (error != nullptr) *error = why != nullptr ? why : ("cannot load " + path);
+    return false;
+  }
+  auto find = [&](const char* name) -> void* {
+    dlerror();
+    void* symbol = ::dlsym(m_pHandle, name);
+    if (symbol == nullptr && error != nullptr) {
+      *error = path + ": no entry point " + name;
+    }
+    return symbol;
+  };
+  Create = reinterpret_cast<EM_CreateFn>(find("EM_Create"));
+  if (Create == nullptr) return false;
+  Delete = reinterpret_cast<EM_DeleteFn>(find("EM_Delete"));
+  if (Delete == nullptr) return false;
+  GetModuleName = reinterpret_cast<EM_GetModuleNameFn>(find("EM_GetModuleName"));
+  if (GetModuleName == nullptr) return false;
+  SetupAction = reinterpret_cast<EM_SetupActionFn>(find("EM_SetupAction"));
+  return SetupAction != nullptr;
+}
+
+std::string DefaultModulePath() {
+  char self[PATH_MAX];
+  const ssize_t length = ::readlink("/proc/self/exe", self, sizeof(self) - 1);
+  std::string dir = ".";
+  if (length > 0) {
+    std::string exe(self, static_cast<std::size_t>(length));
+    const std::size_t slash = exe.rfind('/');
+    if (slash != std::string::npos) dir = slash == 0 ? "/" : exe.substr(0, slash);
+  }
+  const std::string path = dir + "/../lib/libEM_KORVEX.so";
+  // Shown in messages: the plain path reads better than ".../bin/../lib".
+  char resolved[PATH_MAX];
+  return ::realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : path;
+}
+
+CModuleInstance::~CModuleInstance() { StopAndDelete(); }
+
+bool CModuleInstance::Create(std::string* error) {
+  void* module = nullptr;
+  int created = 0;
+  try {
+    created = m_Library.Create(&module);
+  } catch (const std::exception& e) {
+    if (error != nullptr) *error = std::string("EM_Create threw: ") + e.what();
+    return false;
+  } catch (...) {
+    if (error != nullptr) *error = "EM_Create threw";
+    return false;
+  }
+  if (created == 0 || module == nullptr) {
+    if (error != nullptr) *error = "EM_Create made no module instance";
+    return false;
+  }
+  m_pModule = static_cast<CIExtensionModule*>(module);
+  return true;
+}
+
+int CModuleInstance::ReadProperties() {
+  std::memset(&m_Properties, 0, sizeof(m_Properties));
+  m_Properties.m_RecordSize = sizeof(m_Properties);
+  return m_pModule->GetProperties(m_Properties);
+}
+
+int CModuleInstance::Start(CISwitch* pSwitch, unsigned int moduleId) {
+  m_StartCalled = true;
+  return m_pModule->Start(pSwitch, moduleId);
+}
+
+int CModuleInstance::Stop() { return m_pModule->Stop(); }
+
+void CModuleInstance::StopAndDelete() {
+  if (m_pModule == nullptr) return;
+  if (m_StartCalled) m_pModule->Stop();
+  Delete();
+}
+
+int CModuleInstance::Delete() {
+  if (m_pModule == nullptr) return 0;
+  m_pModule = nullptr;
+  return m_Library.Delete(nullptr);
+}

@@ -1,0 +1,40 @@
+// em-host's command line: global options, one command and its arguments.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "host/emhost/HostSwitch.h"
+
+enum class EmCommand { kNone, kHelp, kQuery, kCreate, kTransfer, kCollect, kCleanup, kInfo, kServe };
+
+struct CEmHostOptions {
+  EmCommand m_Command = EmCommand::kNone;
+  std::string m_CommandName;
+  std::string m_ArchiveName;  // transfer / collect NAME
+
+  std::string m_ModulePath;  // empty: DefaultModulePath()
+  std::string m_ToolRoot;    // --tool-root (absolute)
+  std::string m_RegistryFile;  // --registry
+  unsigned int m_Cabinet = 0;
+  std::string m_BmcDir;      // absolute; default ./bmc
+  std::string m_TraceFile;   // empty: standard error
+  unsigned int m_TraceLevel = 0;
+  unsigned int m_ServiceType = 5;
+  CHtiMode m_Hti;
+  unsigned int m_TimeoutSec = 0;  // create/collect: 0 = no limit; transfer: "TO"
+  bool m_TimeoutGiven = false;
+  bool m_NoStart = false;
+};
+
+// Parses argv. False with *error (one line, without the program name) on a
+// usage error.
+bool ParseEmHostOptions(const std::vector<std::string>& args, CEmHostOptions& out,
+                        std::string* error);
+
+// The usage text printed by --help and after a usage error.
+const char* EmHostUsage();
+
+// An absolute form of path (relative paths are taken from the working
+// directory; nothing is resolved).
+std::string AbsolutePath(const std::string& path);

@@ -1,0 +1,351 @@
+// em-host serve: reading JSON lines, driving the module, writing events.
+#include "host/emhost/ServeSession.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <exception>
+#include <vector>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include "frame/ExtensionModule.h"
+#include "host/emhost/EmHost.h"
+#include "host/emhost/JsonText.h"
+#include "host/emhost/ModuleHost.h"
+#include "host/emhost/Signals.h"
+#include "message/DataStruct.h"
+#include "message/SipJson.h"
+
+namespace {
+
+bool Blank(const char* text, std::size_t length) {
+  for (std::size_t i = 0; i < length; ++i) {
+    if (text[i] != ' ' && text[i] != '\t' && text[i] != '\r') return false;
+  }
+  return true;
+}
+
+std::string ExceptionText(const std::exception_ptr& error) {
+  try {
+    std::rethrow_exception(error);
+  } catch (const std::exception& e) {
+    return e.what();
+  } catch (...) {
+    return "an exception of unknown type";
+  }
+}
+
+}  // namespace
+
+CServeSession::CServeSession(CModuleLibrary& library, CModuleInstance& instance,
+                             CHostSwitch& hostSwitch, CSignalWatch& signals, int inputFd,
+                             std::FILE* output)
+    : m_Library(library),
+      m_Instance(instance),
+      m_Switch(hostSwitch),
+      m_Signals(signals),
+      m_InputFd(inputFd),
+      m_Output(output),
+      m_WakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (m_WakeFd < 0) throw std::runtime_error(std::string("eventfd: ") + std::strerror(errno));
+  m_Switch.SetListener(this);
+}
+
+CServeSession::~CServeSession() {
+  m_Switch.SetListener(nullptr);
+  ::close(m_WakeFd);
+}
+
+int CServeSession::Run() {
+  std::string line;
+  bool discarding = false;  // the rest of a line that was refused as too long
+  std::vector<char> buffer(1u << 16);
+  bool quit = false;
+  while (!quit && m_Signal == 0) {
+    pollfd fds[2] = {{m_InputFd, POLLIN, 0}, {m_Signals.Fd(), POLLIN, 0}};
+    if (::poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    if ((fds[1].revents & POLLIN) != 0) {
+      m_Signal = m_Signals.Take();
+      if (m_Signal != 0) break;
+    }
+    if (fds[0].revents == 0) continue;
+    const ssize_t got = ::read(m_InputFd, buffer.data(), buffer.size());
+    if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (got <= 0) {
+      // End of input: a last line without its line break still counts.
+      if (!discarding && !line.empty()) {
+        const LineResult result = HandleLine(line.data(), line.size());
+        if (result == LineResult::kSignal) break;
+      }
+      break;
+    }
+    const char* data = buffer.data();
+    std::size_t left = static_cast<std::size_t>(got);
+    while (left > 0 && !quit && m_Signal == 0) {
+      const char* newline = static_cast<const char*>(std::memchr(data, '\n', left));
+      const std::size_t piece = newline != nullptr ? static_cast<std::size_t>(newline - data) : left;
+      if (discarding) {
+        if (newline != nullptr) discarding = false;
+      } else if (line.size() + piece > kMaxLineBytes) {
+        ++m_LineNumber;
+        EmitError("line longer than " + std::to_string(kMaxLineBytes) + " bytes");
+        line.clear();
+        discarding = newline == nullptr;
+      } else {
+        line.append(data, piece);
+        if (newline != nullptr) {
+          const LineResult result = HandleLine(line.data(), line.size());
+          line.clear();
+          quit = result == LineResult::kQuit;
+          if (result == LineResult::kSignal) break;
+        }
+      }
+      const std::size_t used = newline != nullptr ? piece + 1 : piece;
+      data += used;
+      left -= used;
+    }
+  }
+  Finish();
+  return m_Signal != 0 ? ExitStatusForSignal(m_Signal) : 0;
+}
+
+void CServeSession::Finish() {
+  // Nothing is waited for any more; a reply that the worker still sends
+  // while it is being stopped is written like any other.
+  m_Instance.StopAndDelete();
+}
+
+CServeSession::LineResult CServeSession::HandleLine(const char* text, std::size_t length) {
+  ++m_LineNumber;
+  if (Blank(text, length)) return LineResult::kGoOn;
+  CDataStruct document;
+  std::string error;
+  if (!document.FromJson(text, length, kMaxDepth, &error)) {
+    EmitError(error);
+    return LineResult::kGoOn;
+  }
+  const JsonValue& root = document.Document();
+  if (!root.IsObject()) {
+    EmitError("a line must be a JSON object");
+    return LineResult::kGoOn;
+  }
+  const JsonValue::ConstMemberIterator idMember = root.FindMember("id");
+  const std::string id = idMember != root.MemberEnd() ? CompactJson(idMember->value) : "null";
+  const bool isRequest = root.HasMember("request");
+  const bool isControl = root.HasMember("control");
+  if (isRequest && isControl) {
+    EmitError("a line holds \"request\" or \"control\", not both");
+    return LineResult::kGoOn;
+  }
+  if (isRequest) return HandleRequest(root, id);
+  if (isControl) return HandleControl(root, id);
+  EmitError("a line needs \"request\" or \"control\"");
+  return LineResult::kGoOn;
+}
+
+CServeSession::LineResult CServeSession::HandleRequest(const JsonValue& line,
+                                                       const std::string& id) {
+  const JsonValue& request = line["request"];
+  if (!request.IsObject()) {
+    EmitError("\"request\" must be a JSON object (a SIP message)");
+    return LineResult::kGoOn;
+  }
+  unsigned int index = 0;
+  const JsonValue::ConstMemberIterator indexMember = line.FindMember("index");
+  if (indexMember != line.MemberEnd()) {
+    // The module pads the command list up to the index: a huge or negative
+    // index would have it allocate without end.
+    if (!indexMember->value.IsUint() || indexMember->value.GetUint() > kMaxIndex) {
+      EmitError("\"index\" must be an integer from 0 to " + std::to_string(kMaxIndex));
+      return LineResult::kGoOn;
+    }
+    index = indexMember->value.GetUint();
+  }
+
+  SipJson message;
+  // The message the module gets is exactly the one on the line (a full copy,
+  // fractional numbers included).
+  JsonValue copy(request, message.Allocator());
+  static_cast<JsonValue&>(message.Document()).Swap(copy);
+  message.m_CmdIndex = static_cast<int>(index);
+
+  std::map<std::uint64_t, CRequestState>::iterator state;
+  std::uint64_t tag;
+  {
+    std::lock_guard<std::mutex> lock(m_StateMutex);
+    tag = m_NextTag++;
+    state = m_Requests.emplace(tag, CRequestState{}).first;
+    state->second.m_Id = id;
+  }
+  std::string ack;
+  bool queued = false;
+  try {
+    const int result = m_Switch.Deliver(m_Instance.Module(), message, tag);
+    queued = message.Status() == 22;
+    ack = "{\"id\":" + id + ",\"event\":\"ack\",\"result\":" + std::to_string(result) +
+          ",\"message\":" + message.ToJson() + "}";
+  } catch (...) {
+    ack.clear();
+    EmitError("the module threw while taking the request: " +
+              ExceptionText(std::current_exception()));
+  }
+  if (!ack.empty()) Emit(ack);
+  {
+    // Only now may the request's reply be written: it follows its ack.
+    std::lock_guard<std::mutex> lock(m_StateMutex);
+    state->second.m_Acknowledged = true;
+    state->second.m_Queued = queued;
+  }
+  m_Acknowledged.notify_all();
+  return LineResult::kGoOn;
+}
+
+CServeSession::LineResult CServeSession::HandleControl(const JsonValue& line,
+                                                       const std::string& id) {
+  const JsonValue& control = line["control"];
+  if (!control.IsString()) {
+    EmitError("\"control\" must be a string");
+    return LineResult::kGoOn;
+  }
+  const std::string name(control.GetString(), control.GetStringLength());
+  auto parameter = [&](const char* key, unsigned int& out, bool required) {
+    const JsonValue::ConstMemberIterator member = line.FindMember(key);
+    if (member == line.MemberEnd()) {
+      if (required) {
+        EmitError("control " + name + " needs \"" + key + "\" (an unsigned 32-bit number)");
+      }
+      return !required;
+    }
+    if (!member->value.IsUint()) {
+      EmitError("control " + name + ": \"" + key + "\" must be an unsigned 32-bit number");
+      return false;
+    }
+    out = member->value.GetUint();
+    return true;
+  };
+
+  long long result = 0;
+  LineResult next = LineResult::kGoOn;
+  try {
+    if (name == "start") {
+      result = m_Instance.Start(&m_Switch, kKorvexModuleId);
+    } else if (name == "stop") {
+      result = m_Instance.Stop();
+    } else if (name == "notify") {
+      unsigned int code = 0;
+      if (!parameter("code", code, true)) return LineResult::kGoOn;
+      result = m_Instance.Module().Notify(code, nullptr, nullptr);
+    } else if (name == "cabinet") {
+      unsigned int nr = 0;
+      if (!parameter("nr", nr, true)) return LineResult::kGoOn;
+      result = m_Instance.Module().SetServerCabinetNumber(nr);
+    } else if (name == "setup") {
+      unsigned int action = 0;
+      if (!parameter("action", action, true)) return LineResult::kGoOn;
+      result = m_Library.SetupAction(action);
+    } else if (name == "wait") {
+      unsigned int timeoutMs = kDefaultWaitMs;
+      if (!parameter("timeout_ms", timeoutMs, false)) return LineResult::kGoOn;
+      const int waited = WaitForReplies(timeoutMs);
+      if (waited < 0) return LineResult::kSignal;
+      result = waited;
+    } else if (name == "quit") {
+      result = 1;
+      next = LineResult::kQuit;
+    } else {
+      EmitError("unknown control \"" + name +
+                "\" (start, stop, notify, cabinet, setup, wait, quit)");
+      return LineResult::kGoOn;
+    }
+  } catch (...) {
+    EmitError("control " + name + ": the module threw: " +
+              ExceptionText(std::current_exception()));
+    return LineResult::kGoOn;
+  }
+  Emit("{\"id\":" + id + ",\"event\":\"control\",\"control\":" + JsonQuote(name) +
+       ",\"result\":" + std::to_string(result) + "}");
+  return next;
+}
+
+int CServeSession::WaitForReplies(unsigned int timeoutMs) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+  for (;;) {
+    {
+      std::lock_guard<std::mutex> lock(m_StateMutex);
+      bool outstanding = false;
+      for (const auto& entry : m_Requests) {
+        outstanding = outstanding || (entry.second.m_Queued && !entry.second.m_Replied);
+      }
+      if (!outstanding) return 1;
+    }
+    const Clock::time_point now = Clock::now();
+    if (now >= deadline) return 0;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now);
+    pollfd fds[2] = {{m_WakeFd, POLLIN, 0}, {m_Signals.Fd(), POLLIN, 0}};
+    const int timeout = static_cast<int>(std::min<long long>(left.count() + 1, 1000000));
+    if (::poll(fds, 2, timeout) < 0 && errno != EINTR) return 0;
+    if ((fds[1].revents & POLLIN) != 0) {
+      m_Signal = m_Signals.Take();
+      if (m_Signal != 0) return -m_Signal;
+    }
+    if ((fds[0].revents & POLLIN) != 0) {
+      std::uint64_t count;
+      if (::read(m_WakeFd, &count, sizeof(count)) < 0) {
+        // Nothing to drain (another wake-up took it); the loop looks again.
+      }
+    }
+  }
+}
+
+void CServeSession::OnReply(std::uint64_t tag, SipJson& message) {
+  std::string id = "null";
+  std::map<std::uint64_t, CRequestState>::iterator state;
+  bool known = false;
+  {
+    std::unique_lock<std::mutex> lock(m_StateMutex);
+    state = m_Requests.find(tag);
+    known = state != m_Requests.end();
+    if (known) {
+      // A quick job can answer before ModuleRequest has even returned; the
+      // requester still sees the ack first.
+      m_Acknowledged.wait(lock, [&] { return state->second.m_Acknowledged; });
+      id = state->second.m_Id;
+    }
+  }
+  Emit("{\"id\":" + id + ",\"event\":\"reply\",\"message\":" + message.ToJson() + "}");
+  if (known) {
+    std::lock_guard<std::mutex> lock(m_StateMutex);
+    state->second.m_Replied = true;
+  }
+  const std::uint64_t one = 1;
+  if (::write(m_WakeFd, &one, sizeof(one)) < 0) {
+    // The counter is full only if nobody reads it; a waiter wakes anyway.
+  }
+}
+
+void CServeSession::OnTransfer(SipJson& request) {
+  Emit("{\"event\":\"transfer\",\"message\":" + request.ToJson() + "}");
+}
+
+void CServeSession::Emit(const std::string& line) {
+  std::lock_guard<std::mutex> lock(m_OutputMutex);
+  if (m_OutputBroken) return;
+  if (std::fwrite(line.data(), 1, line.size(), m_Output) != line.size() ||
+      std::fputc('\n', m_Output) == EOF || std::fflush(m_Output) != 0) {
+    // The reader has gone (EPIPE): the session still runs to its end so
+    // that the module is stopped properly.
+    m_OutputBroken = true;
+  }
+}
+
+void CServeSession::EmitError(const std::string& text) {
+  Emit("{\"event\":\"error\",\"line\":" + std::to_string(m_LineNumber) +
+       ",\"error\":" + JsonQuote(text) + "}");
+}

@@ -1,0 +1,87 @@
+// em-host serve: a JSON-lines session for scripts and test suites.
+//
+// Input, one JSON object per line:
+//   {"id":ANY,"request":SIP-MESSAGE,"index":N}       a request to the module
+//   {"id":ANY,"control":NAME,...}                     start, stop, notify ("code"),
+//       cabinet ("nr"), setup ("action"), wait ("timeout_ms"), quit
+// Output, one JSON object per line, written and flushed as it happens:
+//   {"id":...,"event":"ack","result":N,"message":...}   ModuleRequest returned
+//   {"id":...,"event":"reply","message":...}            SendReply
+//   {"event":"transfer","message":...}                  a 0xF052 request reached the BMC stand-in
+//   {"id":...,"event":"control","control":NAME,"result":N}
+//   {"event":"error","line":N,"error":TEXT}             a line refused; the session goes on
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "host/emhost/HostSwitch.h"
+#include "message/JsonTypes.h"
+
+class CModuleInstance;
+class CModuleLibrary;
+class CSignalWatch;
+
+class CServeSession : public CISwitchListener {
+ public:
+  // The longest line accepted (without its line break) and the deepest
+  // nesting: the module copies messages recursively.
+  static constexpr std::size_t kMaxLineBytes = 1u << 20;
+  static constexpr unsigned int kMaxDepth = 32;
+  static constexpr unsigned int kMaxIndex = 1023;
+  static constexpr unsigned int kDefaultWaitMs = 60000;
+
+  CServeSession(CModuleLibrary& library, CModuleInstance& instance, CHostSwitch& hostSwitch,
+                CSignalWatch& signals, int inputFd, std::FILE* output);
+  ~CServeSession() override;
+  CServeSession(const CServeSession&) = delete;
+  CServeSession& operator=(const CServeSession&) = delete;
+
+  // Reads lines until end of input, quit or a signal; then stops and
+  // deletes the module. Returns the exit status (0, or 128 + signal).
+  int Run();
+
+  void OnReply(std::uint64_t tag, SipJson& message) override;
+  void OnTransfer(SipJson& request) override;
+
+ private:
+  enum class LineResult { kGoOn, kQuit, kSignal };
+  struct CRequestState {
+    std::string m_Id;          // the line's "id" as compact JSON
+    bool m_Acknowledged = false;  // the ack event (or an error) is out
+    bool m_Queued = false;        // acknowledged with status 22
+    bool m_Replied = false;
+  };
+
+  LineResult HandleLine(const char* text, std::size_t length);
+  LineResult HandleRequest(const JsonValue& line, const std::string& id);
+  LineResult HandleControl(const JsonValue& line, const std::string& id);
+  // Waits up to timeoutMs until every request acknowledged with 22 has
+  // its reply: 1 when they have, 0 on time-out, -signo on a signal.
+  int WaitForReplies(unsigned int timeoutMs);
+  void Emit(const std::string& line);
+  void EmitError(const std::string& text);
+  void Finish();
+
+  CModuleLibrary& m_Library;
+  CModuleInstance& m_Instance;
+  CHostSwitch& m_Switch;
+  CSignalWatch& m_Signals;
+  int m_InputFd;
+  std::FILE* m_Output;
+  int m_WakeFd;  // eventfd: a reply came in
+  int m_Signal = 0;
+  unsigned long m_LineNumber = 0;
+
+  std::mutex m_OutputMutex;
+  bool m_OutputBroken = false;
+
+  std::mutex m_StateMutex;
+  std::condition_variable m_Acknowledged;
+  std::uint64_t m_NextTag = 1;
+  std::map<std::uint64_t, CRequestState> m_Requests;
+};

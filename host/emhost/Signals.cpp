@@ -1,0 +1,39 @@
+// signalfd-based signal delivery for em-host's main thread.
+#include "host/emhost/Signals.h"
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+CSignalWatch::CSignalWatch() : m_Fd(-1) {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGPIPE);
+  if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) {
+    throw std::runtime_error("cannot block signals");
+  }
+  sigdelset(&set, SIGPIPE);
+  m_Fd = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (m_Fd < 0) throw std::runtime_error(std::string("signalfd: ") + std::strerror(errno));
+}
+
+CSignalWatch::~CSignalWatch() {
+  if (m_Fd >= 0) ::close(m_Fd);
+}
+
+int CSignalWatch::Take() {
+  signalfd_siginfo info;
+  for (;;) {
+    const ssize_t got = ::read(m_Fd, &info, sizeof(info));
+    if (got == static_cast<ssize_t>(sizeof(info))) return static_cast<int>(info.ssi_signo);
+    if (got < 0 && errno == EINTR) continue;
+    return 0;
+  }
+}

@@ -1,0 +1,28 @@
+// Signals for em-host. SIGINT and SIGTERM are blocked in every thread -
+// before the module starts its worker, which inherits the mask - and are
+// read from a signalfd by the main thread, which then stops the module in
+// an ordinary context (nothing is done inside a signal handler). SIGPIPE is
+// blocked too, so that a reader that goes away shows as EPIPE on write.
+// Children do not inherit the mask: the host's process service resets it.
+#pragma once
+
+class CSignalWatch {
+ public:
+  // Blocks the signals in the calling thread; call it before any thread
+  // exists. Throws std::runtime_error when no signalfd can be made.
+  CSignalWatch();
+  ~CSignalWatch();
+  CSignalWatch(const CSignalWatch&) = delete;
+  CSignalWatch& operator=(const CSignalWatch&) = delete;
+
+  // The descriptor to poll for POLLIN.
+  int Fd() const { return m_Fd; }
+  // Reads one pending signal; its number, or 0 when none is pending.
+  int Take();
+
+ private:
+  int m_Fd;
+};
+
+// The exit status of a program ended because of signal signo (130 for SIGINT).
+inline int ExitStatusForSignal(int signo) { return 128 + signo; }
