@@ -1,0 +1,312 @@
+// Helpers shared by the module's test suites: scratch directories, fake
+// Korvex tools written as shell scripts, FIFOs by which a fake tool tells the
+// test that it runs, the configuration store entry of the tool's root, and
+// trace comparison helpers.
+#pragma once
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/HostControl.h"
+
+namespace korvex_test {
+
+// The configuration store path that records the tool's root.
+inline const char* SetupKeyPath() { return "SOFTWARE\\Halvane\\Korvex\\Setup"; }
+
+// Records root as the tool's installation root, replacing the whole store.
+inline void SetToolRoot(const std::string& root) {
+  halvane::ClearRegistry();
+  halvane::SetRegistryValue(SetupKeyPath(), "FileRoot", root);
+}
+
+// Writes a file with the close-on-exec flag, so that a child forked by
+// another thread meanwhile never holds it open for writing (which would make
+// executing a freshly written script fail with "text file busy").
+inline void WriteFile(const std::string& path, const std::string& content, mode_t mode = 0644) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+  ASSERT_GE(fd, 0) << path << ": " << std::strerror(errno);
+  const char* p = content.data();
+  std::size_t left = content.size();
+  while (left > 0) {
+    const ssize_t n = write(fd, p, left);
+    ASSERT_GT(n, 0) << path << ": " << std::strerror(errno);
+    p += n;
+    left -= static_cast<std::size_t>(n);
+  }
+  ASSERT_EQ(0, fchmod(fd, mode));
+  ASSERT_EQ(0, close(fd));
+}
+
+inline bool Exists(const std::string& path) {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0;
+}
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// A scratch directory under /tmp, removed with everything in it at the end.
+class CTempDir {
+ public:
+  CTempDir() {
+    char pattern[] = "/tmp/korvex-module-test-XXXXXX";
+    const char* made = mkdtemp(pattern);
+    if (made != nullptr) m_Path = made;
+  }
+  ~CTempDir() {
+    if (!m_Path.empty()) {
+      nftw(m_Path.c_str(),
+           [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); }, 16,
+           FTW_DEPTH | FTW_PHYS);
+    }
+  }
+  CTempDir(const CTempDir&) = delete;
+  CTempDir& operator=(const CTempDir&) = delete;
+
+  const std::string& Path() const { return m_Path; }
+  // The root with a trailing "/", as the module builds its paths.
+  std::string Root() const { return m_Path + "/"; }
+  std::string operator/(const std::string& name) const { return m_Path + "/" + name; }
+
+ private:
+  std::string m_Path;
+};
+
+// Writes the fake tool "Korvex" into dir: a shell script with the given body.
+inline void WriteTool(const std::string& dir, const std::string& body) {
+  WriteFile(dir + "/Korvex", "#!/bin/sh\n" + body + "\n", 0755);
+}
+
+// A FIFO the test reads and a fake tool writes a line into. The test opens
+// its end without blocking first; the tool's write then never blocks, and
+// the test waits for the line with poll (a real wait on the tool, with an
+// upper bound so a broken module fails the test instead of hanging it).
+class CFifo {
+ public:
+  explicit CFifo(std::string path) : m_Path(std::move(path)) {
+    if (mkfifo(m_Path.c_str(), 0600) == 0) {
+      m_Fd = open(m_Path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    }
+  }
+  ~CFifo() {
+    if (m_Fd >= 0) close(m_Fd);
+  }
+  CFifo(const CFifo&) = delete;
+  CFifo& operator=(const CFifo&) = delete;
+
+  bool Valid() const { return m_Fd >= 0; }
+  const std::string& Path() const { return m_Path; }
+
+  // Waits up to timeoutMs for one line ("\n"-terminated); false on time-out.
+  bool ReadLine(std::string& line, int timeoutMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+      const std::size_t end = m_Buffer.find('\n');
+      if (end != std::string::npos) {
+        line = m_Buffer.substr(0, end);
+        m_Buffer.erase(0, end + 1);
+        return true;
+      }
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                            deadline - std::chrono::steady_clock::now())
+                            .count();
+      if (left <= 0) return false;
+      struct pollfd pfd = {m_Fd, POLLIN, 0};
+      const int ready = poll(&pfd, 1, static_cast<int>(left));
+      if (ready < 0 && errno == EINTR) continue;
+      if (ready <= 0) return false;
+      char chunk[256];
+      const ssize_t n = read(m_Fd, chunk, sizeof(chunk));
+      if (n > 0) {
+        m_Buffer.append(chunk, static_cast<std::size_t>(n));
+      } else if (n == 0) {
+        // The writer closed before a whole line came. Reopen, so that poll
+        // waits for the next writer instead of reporting the hang-up again.
+        close(m_Fd);
+        m_Fd = open(m_Path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        if (m_Fd < 0) return false;
+      }
+    }
+  }
+
+ private:
+  std::string m_Path;
+  int m_Fd = -1;
+  std::string m_Buffer;
+};
+
+// A process the test starts itself: a script named "Korvex" that reports its
+// pid through a FIFO and then sleeps. It runs in its own process group, which
+// the destructor kills and reaps.
+class CForeignTool {
+ public:
+  explicit CForeignTool(const std::string& dir)
+      : m_Dir(dir), m_Fifo(MadeDirectory(dir) + "/foreign-started") {
+    WriteTool(dir, "echo $$ > '" + m_Fifo.Path() + "'\nsleep 60");
+    const std::string tool = dir + "/Korvex";
+    m_Pid = fork();
+    if (m_Pid == 0) {
+      setpgid(0, 0);
+      execl(tool.c_str(), tool.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    if (m_Pid > 0) setpgid(m_Pid, m_Pid);
+  }
+  ~CForeignTool() {
+    if (m_Pid > 0) {
+      kill(-m_Pid, SIGKILL);
+      kill(m_Pid, SIGKILL);
+      int status = 0;
+      waitpid(m_Pid, &status, 0);
+    }
+  }
+  CForeignTool(const CForeignTool&) = delete;
+  CForeignTool& operator=(const CForeignTool&) = delete;
+
+  // True once the script runs (it has written its pid).
+  bool WaitRunning(int timeoutMs) {
+    std::string line;
+    return m_Pid > 0 && m_Fifo.Valid() && m_Fifo.ReadLine(line, timeoutMs) &&
+           line == std::to_string(m_Pid);
+  }
+
+ private:
+  static std::string MadeDirectory(const std::string& dir) {
+    mkdir(dir.c_str(), 0755);
+    return dir;
+  }
+
+  std::string m_Dir;
+  CFifo m_Fifo;
+  pid_t m_Pid = -1;
+};
+
+// Whether a process with this id is still listed under /proc (zombies too).
+inline bool ProcessListed(long pid) { return pid > 0 && Exists("/proc/" + std::to_string(pid)); }
+
+// Ids of the processes whose process group is pgid.
+inline std::vector<long> ProcessGroupMembers(long pgid) {
+  std::vector<long> members;
+  DIR* proc = opendir("/proc");
+  if (proc == nullptr) return members;
+  while (struct dirent* entry = readdir(proc)) {
+    char* end = nullptr;
+    const long pid = std::strtol(entry->d_name, &end, 10);
+    if (end == entry->d_name || *end != '\0') continue;
+    const std::string stat = ReadFile("/proc/" + std::string(entry->d_name) + "/stat");
+    const std::size_t close = stat.rfind(')');
+    if (close == std::string::npos) continue;
+    std::istringstream fields(stat.substr(close + 2));
+    std::string state;
+    long ppid = 0, group = 0;
+    fields >> state >> ppid >> group;
+    if (group == pgid) members.push_back(pid);
+  }
+  closedir(proc);
+  return members;
+}
+
+// Checks that the given pieces occur in text in this order, each after the
+// end of the one before. Used where other threads' lines may come between
+// (the worker thread traces asynchronously); each piece is a whole line.
+inline ::testing::AssertionResult ContainsInOrder(const std::string& text,
+                                                  const std::vector<std::string>& pieces) {
+  std::size_t from = 0;
+  for (const std::string& piece : pieces) {
+    const std::size_t at = text.find(piece, from);
+    if (at == std::string::npos) {
+      return ::testing::AssertionFailure()
+             << "missing (in order) the line [" << piece << "]\nin the trace:\n"
+             << text;
+    }
+    from = at + piece.size();
+  }
+  return ::testing::AssertionSuccess();
+}
+
+// How often piece occurs in text.
+inline std::size_t CountOf(const std::string& text, const std::string& piece) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(piece); at != std::string::npos;
+       at = text.find(piece, at + piece.size())) {
+    ++count;
+  }
+  return count;
+}
+
+// A trace line together with the level it is written at.
+struct CLine {
+  unsigned int m_Level;
+  std::string m_Text;
+};
+
+// The trace a scenario must produce when the host passes levels up to
+// maxLevel: the lines of that level or lower, in order.
+inline std::string TraceUpTo(const std::vector<CLine>& lines, unsigned int maxLevel) {
+  std::string text;
+  for (const CLine& line : lines) {
+    if (line.m_Level <= maxLevel) text += line.m_Text;
+  }
+  return text;
+}
+
+}  // namespace korvex_test
+
+namespace korvex_test {
+
+// A FIFO a fake tool blocks on ("read x < hold") until the test lets it go.
+// The test keeps the FIFO open for reading and writing, so that the tool's
+// open never blocks and the test never waits for the tool to open it.
+class CHold {
+ public:
+  explicit CHold(std::string path) : m_Path(std::move(path)) {
+    if (mkfifo(m_Path.c_str(), 0600) == 0) {
+      m_Fd = open(m_Path.c_str(), O_RDWR | O_CLOEXEC);
+    }
+  }
+  ~CHold() {
+    if (m_Fd >= 0) close(m_Fd);
+  }
+  CHold(const CHold&) = delete;
+  CHold& operator=(const CHold&) = delete;
+
+  bool Valid() const { return m_Fd >= 0; }
+  const std::string& Path() const { return m_Path; }
+  // Lets count blocked reads go on.
+  bool Release(int count = 1) {
+    for (int i = 0; i < count; ++i) {
+      if (write(m_Fd, "go\n", 3) != 3) return false;
+    }
+    return true;
+  }
+
+ private:
+  std::string m_Path;
+  int m_Fd = -1;
+};
+
+}  // namespace korvex_test
