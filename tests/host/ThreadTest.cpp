@@ -17,6 +17,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -292,6 +293,31 @@ TEST_F(ThreadTest, KillEndsAThreadBlockedInExecuteCmdAndTheChildCanBeTerminated)
   EXPECT_FALSE(CProcess::TerminateProcess(pid, 1));  // reaped: not ours any more
 }
 
+// A child whose waiter was killed ends by itself and stays unreaped: it is
+// still ours, TerminateProcess finds it (and signals nothing that could be
+// somebody else's), and the child keeps its own exit code.
+TEST_F(ThreadTest, ChildOfAKilledWaiterThatEndedKeepsItsOwnCode) {
+  CTempDir dir;
+  ASSERT_TRUE(dir.Valid());
+  const std::string flag = dir / "go";
+  CExecuteProbe probe;
+  probe.m_Command = dir / "tool";
+  hosttest::WriteScript(probe.m_Command,
+                        "while [ ! -e '" + flag + "' ]; do sleep 0.01; done\nexit 7");
+  CThread thread(1);
+  ASSERT_EQ(1, thread.Start(ExecuteUntilKilled, &probe, 83, 0, 0, 0, 1));
+  ASSERT_TRUE(WaitUntil([&] { return LoadPid(probe.m_ProcessId) != 0; }));
+  const unsigned int pid = LoadPid(probe.m_ProcessId);
+  ASSERT_EQ(1, thread.Kill(0));
+  hosttest::WriteFile(flag, "");
+  ASSERT_TRUE(WaitUntil([&] { return hosttest::ProcessState(static_cast<int>(pid)) == 'Z'; }));
+  EXPECT_TRUE(CProcess::TerminateProcess(pid, 1));
+  unsigned int code = 0;
+  EXPECT_TRUE(CProcess::WaitForExit(pid, code, 10000));
+  EXPECT_EQ(7u, code);
+  EXPECT_EQ(0, hosttest::ProcessState(static_cast<int>(pid)));  // reaped
+}
+
 // ----- thread monitor ---------------------------------------------------------
 
 struct CMonitorProbe {
@@ -408,6 +434,44 @@ TEST_F(ThreadTest, ThreadExitingAtOnceFindsItsEntry) {
     }
     halvane::RemoveThreadMonitor();
   }
+}
+
+struct CBodyProbe {
+  CThread* m_pThread = nullptr;
+  std::atomic<bool> m_Started{false};
+  std::uint64_t m_EntryThreadId = 0;
+  unsigned int m_ThreadStatus = 0;
+};
+
+void* NoteBodyStart(void* parameter) {
+  auto* probe = static_cast<CBodyProbe*>(parameter);
+  _CTHREADMONITOR_ENTRY* entry = probe->m_pThread->ThreadMonHandle;
+  probe->m_EntryThreadId = entry->m_ThreadId;
+  probe->m_ThreadStatus = entry->m_ThreadStatus[entry->m_StatusCounter];
+  probe->m_Started = true;
+  return nullptr;
+}
+
+// While the host's start bookkeeping cannot get the table mutex, the thread
+// body must not start: the bookkeeping comes first, whatever the scheduler
+// does.
+TEST_F(ThreadTest, BodyWaitsForTheStartBookkeeping) {
+  halvane::InstallThreadMonitor();
+  CThread thread(1);
+  CBodyProbe probe;
+  probe.m_pThread = &thread;
+  pthread_mutex_lock(pThreadMonitor->m_pTableMutex);
+  auto starter = std::async(std::launch::async,
+                            [&] { return thread.Start(NoteBodyStart, &probe, 83, 0, 0, 0, 1); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_FALSE(probe.m_Started.load());
+  pthread_mutex_unlock(pThreadMonitor->m_pTableMutex);
+  ASSERT_EQ(std::future_status::ready, starter.wait_for(std::chrono::seconds(10)));
+  EXPECT_EQ(1, starter.get());
+  ASSERT_EQ(1, thread.WaitForTermination(10000));
+  EXPECT_TRUE(probe.m_Started.load());
+  EXPECT_NE(0u, probe.m_EntryThreadId);
+  EXPECT_EQ(THREADMON_THREAD_OBJECT | THREADMON_THREAD_RUNNING, probe.m_ThreadStatus);
 }
 
 TEST_F(ThreadTest, WithoutMonitorStartCountsNothing) {
