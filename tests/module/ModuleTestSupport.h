@@ -208,7 +208,8 @@ class CForeignTool {
 // Whether a process with this id is still listed under /proc (zombies too).
 inline bool ProcessListed(long pid) { return pid > 0 && Exists("/proc/" + std::to_string(pid)); }
 
-// Ids of the processes whose process group is pgid.
+// Ids of the live processes whose process group is pgid. Zombies do not
+// count: a killed grandchild stays listed until init gets round to reaping it.
 inline std::vector<long> ProcessGroupMembers(long pgid) {
   std::vector<long> members;
   DIR* proc = opendir("/proc");
@@ -224,7 +225,7 @@ inline std::vector<long> ProcessGroupMembers(long pgid) {
     std::string state;
     long ppid = 0, group = 0;
     fields >> state >> ppid >> group;
-    if (group == pgid) members.push_back(pid);
+    if (group == pgid && state != "Z" && state != "X") members.push_back(pid);
   }
   closedir(proc);
   return members;
