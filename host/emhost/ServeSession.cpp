@@ -187,7 +187,9 @@ CServeSession::LineResult CServeSession::HandleRequest(const JsonValue& line,
   bool queued = false;
   try {
     const int result = m_Switch.Deliver(m_Instance.Module(), message, tag);
-    queued = message.Status() == 22;
+    // Taken (result 1) and answered "queued" (status 22): a reply follows.
+    // A status that only reads as 22 because nothing was written does not count.
+    queued = result == 1 && message.Status() == 22;
     ack = "{\"id\":" + id + ",\"event\":\"ack\",\"result\":" + std::to_string(result) +
           ",\"message\":" + message.ToJson() + "}";
   } catch (...) {

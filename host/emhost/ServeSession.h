@@ -53,7 +53,7 @@ class CServeSession : public CISwitchListener {
   struct CRequestState {
     std::string m_Id;          // the line's "id" as compact JSON
     bool m_Acknowledged = false;  // the ack event (or an error) is out
-    bool m_Queued = false;        // acknowledged with status 22
+    bool m_Queued = false;        // taken (result 1) with status 22
     bool m_Replied = false;
   };
 
