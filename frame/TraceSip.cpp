@@ -3,7 +3,6 @@
 // cabinet, module id, status, optional data). All modules of the host print
 // messages in these eight formats, so the text is fixed to the byte.
 #include "frame/ExtensionModule.h"
-
 #include "frame/Trace.h"
 #include "message/JsonTypes.h"
 #include "message/SipJson.h"
@@ -50,12 +49,12 @@ void CExtensionModule::TraceSip(int level, const char* label, const SipJson& mes
   if (!hasData) {
     if (hasCabinet) {
       KORVEX_TRACE(traceLevel,
-                  "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X CABID %04d MID 0x%04X%04X Stat 0x%02X",
-                  text, opCode, opCodeExt, objectId, static_cast<int>(message.CabinetNr()), layer,
-                  moduleIndex, status);
+                   "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X CABID %04d MID 0x%04X%04X Stat 0x%02X",
+                   text, opCode, opCodeExt, objectId, static_cast<int>(message.CabinetNr()), layer,
+                   moduleIndex, status);
     } else {
       KORVEX_TRACE(traceLevel, "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X",
-                  text, opCode, opCodeExt, objectId, layer, moduleIndex, status);
+                   text, opCode, opCodeExt, objectId, layer, moduleIndex, status);
     }
     return;
   }
@@ -68,27 +67,28 @@ void CExtensionModule::TraceSip(int level, const char* label, const SipJson& mes
     if (hasCabinet) {
       KORVEX_TRACE(
           traceLevel,
-          "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X CABID %04d MID 0x%04X%04X Stat 0x%02X Data %d", text,
-          opCode, opCodeExt, objectId, static_cast<int>(message.CabinetNr()), layer, moduleIndex,
-          status, value);
+          "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X CABID %04d MID 0x%04X%04X Stat 0x%02X Data %d",
+          text, opCode, opCodeExt, objectId, static_cast<int>(message.CabinetNr()), layer,
+          moduleIndex, status, value);
     } else {
       KORVEX_TRACE(traceLevel,
-                  "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Data %d", text,
-                  opCode, opCodeExt, objectId, layer, moduleIndex, status, value);
+                   "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Data %d", text,
+                   opCode, opCodeExt, objectId, layer, moduleIndex, status, value);
     }
   } else if (dataType == JSON_TYPE_STRING) {
     std::string data;
     message.GetDataString(data);
     if (hasCabinet) {
-      KORVEX_TRACE(traceLevel,
-                  "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X CABID %04d MID 0x%04X%04X Stat 0x%02X Data "
-                  "\"%s\"",
-                  text, opCode, opCodeExt, objectId, static_cast<int>(message.CabinetNr()), layer,
-                  moduleIndex, status, data.c_str());
+      KORVEX_TRACE(
+          traceLevel,
+          "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X CABID %04d MID 0x%04X%04X Stat 0x%02X Data "
+          "\"%s\"",
+          text, opCode, opCodeExt, objectId, static_cast<int>(message.CabinetNr()), layer,
+          moduleIndex, status, data.c_str());
     } else {
       KORVEX_TRACE(traceLevel,
-                  "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Data \"%s\"",
-                  text, opCode, opCodeExt, objectId, layer, moduleIndex, status, data.c_str());
+                   "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Data \"%s\"",
+                   text, opCode, opCodeExt, objectId, layer, moduleIndex, status, data.c_str());
     }
   } else {
     std::vector<unsigned char> bytes;
@@ -102,8 +102,8 @@ void CExtensionModule::TraceSip(int level, const char* label, const SipJson& mes
           status, length);
     } else {
       KORVEX_TRACE(traceLevel,
-                  "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Len %d", text,
-                  opCode, opCodeExt, objectId, layer, moduleIndex, status, length);
+                   "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Len %d", text,
+                   opCode, opCodeExt, objectId, layer, moduleIndex, status, length);
     }
   }
 }

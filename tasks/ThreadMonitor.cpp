@@ -8,10 +8,10 @@
 
 #include "frame/Trace.h"
 
-#include <pthread.h>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <pthread.h>
 
 namespace {
 
@@ -84,7 +84,8 @@ CThread::CThread(unsigned int killStillAliveThread)
   if (ThreadMonHandle != nullptr) {
     CThreadMonitor::SetEntryStatus(ThreadMonHandle, 0, 0, THREADMON_THREAD_OBJECT, 0);
   } else {
-    KORVEX_TRACE(1, "CThread::KillStillAliveThread=TRUE: RegisterEntry returned ThreadMonHandle = NULL\n");
+    KORVEX_TRACE(
+        1, "CThread::KillStillAliveThread=TRUE: RegisterEntry returned ThreadMonHandle = NULL\n");
   }
 }
 
@@ -124,9 +125,10 @@ _CTHREADMONITOR_ENTRY* CThreadMonitor::RegisterEntry() {
   const int count = monitor->m_EntryCount;
   if (count < 0 || count >= CTHREADMONITOR::kMaxEntries) {
     pthread_mutex_unlock(monitor->m_pTableMutex);
-    KORVEX_TRACE(1,
-                 "CTHREADMONITOR::RegisterEntry(): WARNING: cannot create an entry in CTHREADMONITOR "
-                 "(max value exceeded)\n");
+    KORVEX_TRACE(
+        1,
+        "CTHREADMONITOR::RegisterEntry(): WARNING: cannot create an entry in CTHREADMONITOR "
+        "(max value exceeded)\n");
     return nullptr;
   }
 
@@ -134,9 +136,10 @@ _CTHREADMONITOR_ENTRY* CThreadMonitor::RegisterEntry() {
   if (pthread_mutex_init(&entry->m_EntryMutex, nullptr) != 0) {
     entry->m_pEntryMutex = nullptr;
     pthread_mutex_unlock(monitor->m_pTableMutex);
-    KORVEX_TRACE(1,
-                 "CTHREADMONITOR::RegisterEntry(): WARNING: cannot create an entry in CTHREADMONITOR "
-                 "(no entry mutex available)\n");
+    KORVEX_TRACE(
+        1,
+        "CTHREADMONITOR::RegisterEntry(): WARNING: cannot create an entry in CTHREADMONITOR "
+        "(no entry mutex available)\n");
     return nullptr;
   }
   entry->m_pEntryMutex = &entry->m_EntryMutex;
@@ -196,9 +199,8 @@ void CThreadMonitor::SetEntryStatusExited(unsigned int threadResult) {
       _CTHREADMONITOR_ENTRY* const entry = &monitor->m_Entries[i];
       if (entry->m_ThreadId != self) continue;
       LockEntry(entry);
-      const unsigned int current = entry->m_StatusCounter > kLastStatusSlot
-                                       ? kLastStatusSlot
-                                       : entry->m_StatusCounter;
+      const unsigned int current =
+          entry->m_StatusCounter > kLastStatusSlot ? kLastStatusSlot : entry->m_StatusCounter;
       const unsigned int entryStatus = entry->m_EntryStatus[current];
       const unsigned int threadStatus = entry->m_ThreadStatus[current];
       if ((entryStatus & THREADMON_ENTRY_OLD) == 0) {
@@ -216,10 +218,11 @@ void CThreadMonitor::SetEntryStatusExited(unsigned int threadResult) {
         break;
       }
       UnlockEntry(entry);
-      KORVEX_TRACE(1,
-                   "CTHREADMONITOR::SetEntryStatusExited(): WARNING: Don't touch an old entry "
-                   "(Handle = %p, EntryStatus = 0x%08x, ThreadStatus = 0x%08x, ThreadId = 0x%08X)\n",
-                   static_cast<void*>(entry), entryStatus, threadStatus, ThreadIdText(self));
+      KORVEX_TRACE(
+          1,
+          "CTHREADMONITOR::SetEntryStatusExited(): WARNING: Don't touch an old entry "
+          "(Handle = %p, EntryStatus = 0x%08x, ThreadStatus = 0x%08x, ThreadId = 0x%08X)\n",
+          static_cast<void*>(entry), entryStatus, threadStatus, ThreadIdText(self));
     }
 
     if (chosen == nullptr) {

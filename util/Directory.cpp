@@ -10,14 +10,13 @@
 
 #include "frame/Trace.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -56,7 +55,8 @@ const char* ErrorText(int error) { return std::strerror(error); }
 }  // namespace
 
 int CDirectory::RemoveDir(const char* path, int removeParent) {
-  KORVEX_TRACE(2, "\nCDirectory          : Remove directory \"%s\"", path != nullptr ? path : "(null)");
+  KORVEX_TRACE(2, "\nCDirectory          : Remove directory \"%s\"",
+               path != nullptr ? path : "(null)");
   if (path == nullptr || path[0] == '\0') return 0;
 
   // Error of the last system call that decided the outcome; handed back in

@@ -2,7 +2,6 @@
 // the defaults, Start with its event-log source traces, Notify and the
 // shutdown flag, the cabinet number and the base ModuleRequest.
 #include "frame/ExtensionModule.h"
-
 #include "host/HostControl.h"
 #include "message/SipJson.h"
 #include "tests/support/RecordingSwitch.h"
@@ -51,7 +50,9 @@ class CSlotModule : public CExtensionModule {
     g_Calls.push_back("Stop");
     return 105;
   }
-  void OnSwitchStarted(void* context) override { g_Calls.push_back("OnSwitchStarted " + Addr(context)); }
+  void OnSwitchStarted(void* context) override {
+    g_Calls.push_back("OnSwitchStarted " + Addr(context));
+  }
   void ApplicationReply(SipJson& message) override {
     g_Calls.push_back("ApplicationReply " + Addr(&message));
   }
@@ -134,7 +135,8 @@ R CallSlot(CIExtensionModule* object, std::size_t slot, A... args) {
 
 // The one entry the last call logged.
 std::string TakeCall() {
-  std::string call = g_Calls.size() == 1 ? g_Calls.front() : "calls: " + std::to_string(g_Calls.size());
+  std::string call =
+      g_Calls.size() == 1 ? g_Calls.front() : "calls: " + std::to_string(g_Calls.size());
   g_Calls.clear();
   return call;
 }

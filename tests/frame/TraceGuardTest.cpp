@@ -1,9 +1,8 @@
 // Tests of the trace guard: with the host's trace switch off no Print call is
 // made at all (the stand-alone host counts every call, filtered or not) and
 // the arguments of a trace line, GetName() included, are not evaluated.
-#include "frame/Trace.h"
-
 #include "frame/ExtensionModule.h"
+#include "frame/Trace.h"
 #include "host/HostControl.h"
 #include "message/SipJson.h"
 #include "tests/support/RecordingSwitch.h"

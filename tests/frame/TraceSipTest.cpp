@@ -2,7 +2,6 @@
 // padding, cabinet and data detection along the current command, and the
 // values printed for each kind of data.
 #include "frame/ExtensionModule.h"
-
 #include "host/HostControl.h"
 #include "message/SipJson.h"
 
@@ -46,9 +45,9 @@ class TraceSipTest : public ::testing::Test {
 };
 
 TEST_F(TraceSipTest, NineteenCharacterRequestLabelGetsOneSpace) {
-  EXPECT_EQ(Trace("EM_KORVEX (REQUEST)",
-                  Envelope(R"({"OC":13312,"OE":1,"OI":2,"MI":131077,"ST":1})")),
-            "\nEM_KORVEX (REQUEST) : OC 0x3400-0x0001 OID 0x0002 MID 0x00020005 Stat 0x01");
+  EXPECT_EQ(
+      Trace("EM_KORVEX (REQUEST)", Envelope(R"({"OC":13312,"OE":1,"OI":2,"MI":131077,"ST":1})")),
+      "\nEM_KORVEX (REQUEST) : OC 0x3400-0x0001 OID 0x0002 MID 0x00020005 Stat 0x01");
 }
 
 TEST_F(TraceSipTest, ShortLabelIsPaddedToTwentyColumns) {
@@ -157,8 +156,9 @@ TEST_F(TraceSipTest, MessagesWithoutEnvelopeOrCommandAreTracedNotRefused) {
 }
 
 TEST_F(TraceSipTest, WideValuesKeepTheirDigitsAndTheModuleIdIsSplit) {
-  EXPECT_EQ(Trace("L", Envelope(R"({"OC":74565,"OE":65536,"OI":1048575,"MI":4294901761,"ST":256})")),
-            "\nL                   : OC 0x12345-0x10000 OID 0xFFFFF MID 0xFFFF0001 Stat 0x100");
+  EXPECT_EQ(
+      Trace("L", Envelope(R"({"OC":74565,"OE":65536,"OI":1048575,"MI":4294901761,"ST":256})")),
+      "\nL                   : OC 0x12345-0x10000 OID 0xFFFFF MID 0xFFFF0001 Stat 0x100");
 }
 
 TEST_F(TraceSipTest, NullLabelPrintsAnEmptyColumn) {

@@ -3,22 +3,20 @@
 // SetEntryStatusExited, driven on a fresh host table (and, where a real
 // thread matters, through the host's CThread::Start). Every trace of this
 // bookkeeping is a level-1 line, so the fixture lets only level 1 through.
-#include "tasks/ThreadMonitor.h"
-
 #include "frame/HostServices.h"
 #include "host/HostControl.h"
+#include "tasks/ThreadMonitor.h"
 
 #include <gtest/gtest.h>
-
-#include <pthread.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <future>
 #include <memory>
+#include <pthread.h>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -67,15 +65,15 @@ std::string OldEntryFound(const _CTHREADMONITOR_ENTRY* entry, unsigned int entry
 std::string DontTouch(const _CTHREADMONITOR_ENTRY* entry, unsigned int entryStatus,
                       unsigned int threadStatus, unsigned int id) {
   return "CTHREADMONITOR::SetEntryStatusExited(): WARNING: Don't touch an old entry (Handle = " +
-         Ptr(entry) + ", EntryStatus = " + Lower8(entryStatus) + ", ThreadStatus = " +
-         Lower8(threadStatus) + ", ThreadId = " + Upper8(id) + ")\n";
+         Ptr(entry) + ", EntryStatus = " + Lower8(entryStatus) +
+         ", ThreadStatus = " + Lower8(threadStatus) + ", ThreadId = " + Upper8(id) + ")\n";
 }
 
 std::string Changed(const _CTHREADMONITOR_ENTRY* entry, unsigned int entryStatus,
                     unsigned int threadStatus, unsigned int id, int counter) {
   return "CTHREADMONITOR::SetEntryStatusExited(): Status for entry, Handle = " + Ptr(entry) +
-         " changed (EntryStatus = " + Lower8(entryStatus) + ", ThreadStatus = " +
-         Lower8(threadStatus) + ", ThreadId = " + Upper8(id) +
+         " changed (EntryStatus = " + Lower8(entryStatus) +
+         ", ThreadStatus = " + Lower8(threadStatus) + ", ThreadId = " + Upper8(id) +
          ", ThreadCounter = " + std::to_string(counter) + ")\n";
 }
 
@@ -236,7 +234,8 @@ void* SignalAndReturn(void* argument) {
 
 TEST_F(ThreadMonitorTest, FullTableGivesANullHandleAndTheThreadStillRuns) {
   std::vector<std::unique_ptr<CThread>> threads;
-  for (int i = 0; i < CTHREADMONITOR::kMaxEntries; ++i) threads.push_back(std::make_unique<CThread>());
+  for (int i = 0; i < CTHREADMONITOR::kMaxEntries; ++i)
+    threads.push_back(std::make_unique<CThread>());
   ASSERT_EQ(pThreadMonitor->m_EntryCount, 512);
   EXPECT_EQ(threads.back()->ThreadMonHandle, Entry(511));
   halvane::TakeTrace();
@@ -320,8 +319,7 @@ struct CExitCase {
   unsigned int m_OldBlockerStatus;  // thread status of the first, old entry with our id
 };
 
-class ExitedChoice : public ThreadMonitorTest,
-                     public ::testing::WithParamInterface<CExitCase> {};
+class ExitedChoice : public ThreadMonitorTest, public ::testing::WithParamInterface<CExitCase> {};
 
 TEST_P(ExitedChoice, OldEntryOfAFinishedThreadIsSkippedForTheNewerOne) {
   const unsigned int self = SelfId();
@@ -334,7 +332,8 @@ TEST_P(ExitedChoice, OldEntryOfAFinishedThreadIsSkippedForTheNewerOne) {
   newer->m_ThreadId = static_cast<std::uint64_t>(pthread_self());
   later->m_ThreadId = static_cast<std::uint64_t>(pthread_self());
   CThreadMonitor::SetEntryStatus(old, THREADMON_ENTRY_OLD, 0, GetParam().m_OldBlockerStatus, 0);
-  CThreadMonitor::SetEntryStatus(newer, 0, 0, THREADMON_THREAD_OBJECT | THREADMON_THREAD_RUNNING, 0);
+  CThreadMonitor::SetEntryStatus(newer, 0, 0, THREADMON_THREAD_OBJECT | THREADMON_THREAD_RUNNING,
+                                 0);
   ThreadCounter = 3;
   halvane::TakeTrace();
 
@@ -342,10 +341,10 @@ TEST_P(ExitedChoice, OldEntryOfAFinishedThreadIsSkippedForTheNewerOne) {
 
   const unsigned int oldEntryStatus = 0x10000001u;
   const unsigned int oldThreadStatus = GetParam().m_OldBlockerStatus;
-  EXPECT_EQ(halvane::TakeTrace(),
-            OldEntryFound(old, oldEntryStatus, oldThreadStatus, self) +
-                DontTouch(old, oldEntryStatus, oldThreadStatus, self) +
-                Changed(newer, 0x10000011u, 0x101u, self, 2) + ThreadReturn(self, 0));
+  EXPECT_EQ(halvane::TakeTrace(), OldEntryFound(old, oldEntryStatus, oldThreadStatus, self) +
+                                      DontTouch(old, oldEntryStatus, oldThreadStatus, self) +
+                                      Changed(newer, 0x10000011u, 0x101u, self, 2) +
+                                      ThreadReturn(self, 0));
   EXPECT_EQ(newer->m_StatusCounter, 2u);
   EXPECT_EQ(newer->m_EntryStatus[2], 0x10000011u);
   EXPECT_EQ(newer->m_ThreadStatus[2], 0x101u);
@@ -381,11 +380,11 @@ TEST_F(ThreadMonitorTest, OldEntryFreeOfHostStatesIsTakenAllTheSame) {
 
   CThreadMonitor::SetEntryStatusExited(0x2A);
 
-  EXPECT_EQ(halvane::TakeTrace(),
-            OldEntryFound(done, 0x10000001u, 0x20100u, self) +
-                DontTouch(done, 0x10000001u, 0x20100u, self) +
-                OldEntryFound(old, 0x10000801u, 0x10000010u, self) +
-                Changed(old, 0x10000811u, 0x10000100u, self, 6) + ThreadReturn(self, 0x2A));
+  EXPECT_EQ(halvane::TakeTrace(), OldEntryFound(done, 0x10000001u, 0x20100u, self) +
+                                      DontTouch(done, 0x10000001u, 0x20100u, self) +
+                                      OldEntryFound(old, 0x10000801u, 0x10000010u, self) +
+                                      Changed(old, 0x10000811u, 0x10000100u, self, 6) +
+                                      ThreadReturn(self, 0x2A));
   EXPECT_EQ(old->m_StatusCounter, 2u);
   EXPECT_EQ(newer->m_StatusCounter, 0u) << "the first acceptable entry wins";
   EXPECT_EQ(ThreadCounter, 6);
@@ -423,9 +422,9 @@ TEST_F(ThreadMonitorTest, ExitWithAFullHistoryTracesItsOwnOverflow) {
 
   CThreadMonitor::SetEntryStatusExited(0);
 
-  EXPECT_EQ(halvane::TakeTrace(), ExitedOverflow(entry) +
-                                      Changed(entry, 0x10000011u, 0x100u, self, 0) +
-                                      ThreadReturn(self, 0));
+  EXPECT_EQ(
+      halvane::TakeTrace(),
+      ExitedOverflow(entry) + Changed(entry, 0x10000011u, 0x100u, self, 0) + ThreadReturn(self, 0));
   EXPECT_EQ(entry->m_StatusCounter, 31u);
   EXPECT_EQ(entry->m_ThreadStatus[31], 0x100u);
   EXPECT_EQ(entry->m_EntryStatus[31], 0x10000011u);
@@ -522,10 +521,10 @@ TEST_F(ThreadMonitorTest, ThreadLifeFromConstructionToDestruction) {
   context.m_Proceed.set_value();
   ASSERT_EQ(thread->WaitForTermination(30000), 1);
 
-  EXPECT_EQ(halvane::TakeTrace(),
-            "CThread::SetThreadName: ThreadId = " + Upper8(id) +
-                ", DebugName = UnitHost, Qualifier = (_TaskHndlr)\n" +
-                Changed(entry, 0x10000011u, 0x101u, id, 0) + ThreadReturn(id, 0));
+  EXPECT_EQ(halvane::TakeTrace(), "CThread::SetThreadName: ThreadId = " + Upper8(id) +
+                                      ", DebugName = UnitHost, Qualifier = (_TaskHndlr)\n" +
+                                      Changed(entry, 0x10000011u, 0x101u, id, 0) +
+                                      ThreadReturn(id, 0));
   EXPECT_STREQ(entry->m_pszDebugName, "UnitHost");
   EXPECT_EQ(CurrentEntryStatus(entry), 0x10000011u);
   EXPECT_EQ(CurrentThreadStatus(entry), 0x101u);

@@ -1,24 +1,22 @@
 // Tests of CDirectory::RemoveDir on real trees under a fresh mkdtemp
 // directory: which entries go, what is left, the result (with its reversed
 // judgement of the final rmdir) and every trace line at its level.
-#include "util/Directory.h"
-
 #include "host/HostControl.h"
+#include "util/Directory.h"
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <linux/fs.h>
 #include <string>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -69,13 +67,13 @@ CLine DirectoryError(const std::string& path, int error) {
                  std::strerror(error) + "\n"};
 }
 CLine FileError(const std::string& path, int error) {
-  return {1, kColumn + "ERROR cannot remove file " + Quoted(path) + ": " + std::strerror(error) +
-                 "\n"};
+  return {
+      1, kColumn + "ERROR cannot remove file " + Quoted(path) + ": " + std::strerror(error) + "\n"};
 }
 CLine ScandirError(int error) {
   // The line names the (still empty) entry path, not the directory.
-  return {3, kColumn + "scandir for directory \"\" failed; ## ERROR: " + std::strerror(error) +
-                 "\n"};
+  return {3,
+          kColumn + "scandir for directory \"\" failed; ## ERROR: " + std::strerror(error) + "\n"};
 }
 
 void MakeFile(const std::string& path) {
@@ -182,38 +180,54 @@ TEST_F(DirectoryRemoval, EmptyPathReturnsZeroAfterTheFirstTrace) {
 TEST_F(DirectoryRemoval, SingleFileWithParentRemovesAllAndReportsTheParentErrorWithResultZero) {
   const std::string file = m_Dir + "/a";
   const std::string base = m_Dir + "/";
-  RunAtEveryLevel([&] { MakeDir(m_Dir); MakeFile(file); }, 1, 0,
-                  {RemoveDirectory(m_Dir), FoundFile(file), RemoveFileOk(file), RemoveParent(base),
-                   ParentError(base, 0)},
-                  [&] {
-                    EXPECT_FALSE(fs::exists(file));
-                    EXPECT_FALSE(fs::exists(m_Dir));
-                    EXPECT_TRUE(fs::exists(m_Root));
-                  });
+  RunAtEveryLevel(
+      [&] {
+        MakeDir(m_Dir);
+        MakeFile(file);
+      },
+      1, 0,
+      {RemoveDirectory(m_Dir), FoundFile(file), RemoveFileOk(file), RemoveParent(base),
+       ParentError(base, 0)},
+      [&] {
+        EXPECT_FALSE(fs::exists(file));
+        EXPECT_FALSE(fs::exists(m_Dir));
+        EXPECT_TRUE(fs::exists(m_Root));
+      });
 }
 
 TEST_F(DirectoryRemoval, SingleFileWithoutParentKeepsTheDirectoryWithResultOne) {
   const std::string file = m_Dir + "/a";
-  RunAtEveryLevel([&] { MakeDir(m_Dir); MakeFile(file); }, 0, 1,
-                  {RemoveDirectory(m_Dir), FoundFile(file), RemoveFileOk(file)}, [&] {
-                    EXPECT_FALSE(fs::exists(file));
-                    EXPECT_TRUE(fs::is_directory(m_Dir));
-                    EXPECT_TRUE(fs::is_empty(m_Dir));
-                  });
+  RunAtEveryLevel(
+      [&] {
+        MakeDir(m_Dir);
+        MakeFile(file);
+      },
+      0, 1, {RemoveDirectory(m_Dir), FoundFile(file), RemoveFileOk(file)},
+      [&] {
+        EXPECT_FALSE(fs::exists(file));
+        EXPECT_TRUE(fs::is_directory(m_Dir));
+        EXPECT_TRUE(fs::is_empty(m_Dir));
+      });
 }
 
 TEST_F(DirectoryRemoval, HiddenFileIsKeptSoTheParentStaysAndTheResultIsOne) {
   const std::string hidden = m_Dir + "/.cache";
   const std::string file = m_Dir + "/b";
   const std::string base = m_Dir + "/";
-  RunAtEveryLevel([&] { MakeDir(m_Dir); MakeFile(hidden); MakeFile(file); }, 1, 1,
-                  {RemoveDirectory(m_Dir), FoundFile(file), RemoveFileOk(file), RemoveParent(base),
-                   RemoveParentOk(base)},
-                  [&] {
-                    EXPECT_TRUE(fs::exists(hidden));
-                    EXPECT_FALSE(fs::exists(file));
-                    EXPECT_TRUE(fs::is_directory(m_Dir));
-                  });
+  RunAtEveryLevel(
+      [&] {
+        MakeDir(m_Dir);
+        MakeFile(hidden);
+        MakeFile(file);
+      },
+      1, 1,
+      {RemoveDirectory(m_Dir), FoundFile(file), RemoveFileOk(file), RemoveParent(base),
+       RemoveParentOk(base)},
+      [&] {
+        EXPECT_TRUE(fs::exists(hidden));
+        EXPECT_FALSE(fs::exists(file));
+        EXPECT_TRUE(fs::is_directory(m_Dir));
+      });
 }
 
 TEST_F(DirectoryRemoval, CompletelyRemovedSubdirectoryStopsTheCaller) {
@@ -221,7 +235,13 @@ TEST_F(DirectoryRemoval, CompletelyRemovedSubdirectoryStopsTheCaller) {
   const std::string subFile = sub + "/f";
   const std::string later = m_Dir + "/z";
   RunAtEveryLevel(
-      [&] { MakeDir(m_Dir); MakeDir(sub); MakeFile(subFile); MakeFile(later); }, 1, 0,
+      [&] {
+        MakeDir(m_Dir);
+        MakeDir(sub);
+        MakeFile(subFile);
+        MakeFile(later);
+      },
+      1, 0,
       {RemoveDirectory(m_Dir), FoundDir(sub), RemoveDirectory(sub), FoundFile(subFile),
        RemoveFileOk(subFile), RemoveParent(sub + "/"), ParentError(sub + "/", 0),
        DirectoryError(sub, 0)},
@@ -238,7 +258,13 @@ TEST_F(DirectoryRemoval, SubdirectoryThatStaysCountsAsSuccessAndTheCallerGoesOn)
   const std::string later = m_Dir + "/z";
   const std::string base = m_Dir + "/";
   RunAtEveryLevel(
-      [&] { MakeDir(m_Dir); MakeDir(sub); MakeFile(hidden); MakeFile(later); }, 1, 1,
+      [&] {
+        MakeDir(m_Dir);
+        MakeDir(sub);
+        MakeFile(hidden);
+        MakeFile(later);
+      },
+      1, 1,
       {RemoveDirectory(m_Dir), FoundDir(sub), RemoveDirectory(sub), RemoveParent(sub + "/"),
        RemoveParentOk(sub + "/"), RemoveDirectoryOk(sub), FoundFile(later), RemoveFileOk(later),
        RemoveParent(base), RemoveParentOk(base)},
@@ -253,30 +279,39 @@ TEST_F(DirectoryRemoval, HiddenDirectoryIsNeverEntered) {
   const std::string hiddenDir = m_Dir + "/.git";
   const std::string inside = hiddenDir + "/config";
   const std::string base = m_Dir + "/";
-  RunAtEveryLevel([&] { MakeDir(m_Dir); MakeDir(hiddenDir); MakeFile(inside); }, 1, 1,
-                  {RemoveDirectory(m_Dir), RemoveParent(base), RemoveParentOk(base)},
-                  [&] { EXPECT_TRUE(fs::exists(inside)); });
+  RunAtEveryLevel(
+      [&] {
+        MakeDir(m_Dir);
+        MakeDir(hiddenDir);
+        MakeFile(inside);
+      },
+      1, 1, {RemoveDirectory(m_Dir), RemoveParent(base), RemoveParentOk(base)},
+      [&] { EXPECT_TRUE(fs::exists(inside)); });
 }
 
 TEST_F(DirectoryRemoval, NestedEmptyDirectoryWithoutParentFlagIsRemovedAndStopsTheCaller) {
   // The child is removed with its parent flag set, so its successful rmdir
   // is judged as a failure by the caller.
   const std::string sub = m_Dir + "/s";
-  RunAtEveryLevel([&] { MakeDir(m_Dir); MakeDir(sub); }, 0, 0,
-                  {RemoveDirectory(m_Dir), FoundDir(sub), RemoveDirectory(sub),
-                   RemoveParent(sub + "/"), ParentError(sub + "/", 0), DirectoryError(sub, 0)},
-                  [&] {
-                    EXPECT_FALSE(fs::exists(sub));
-                    EXPECT_TRUE(fs::is_directory(m_Dir));
-                  });
+  RunAtEveryLevel(
+      [&] {
+        MakeDir(m_Dir);
+        MakeDir(sub);
+      },
+      0, 0,
+      {RemoveDirectory(m_Dir), FoundDir(sub), RemoveDirectory(sub), RemoveParent(sub + "/"),
+       ParentError(sub + "/", 0), DirectoryError(sub, 0)},
+      [&] {
+        EXPECT_FALSE(fs::exists(sub));
+        EXPECT_TRUE(fs::is_directory(m_Dir));
+      });
 }
 
 TEST_F(DirectoryRemoval, PathThatIsNotADirectoryFailsInScandirWithAnEmptyName) {
   const std::string file = m_Root + "/plain";
   MakeFile(file);
   EXPECT_EQ(CDirectory::RemoveDir(file.c_str(), 1), 0);
-  EXPECT_EQ(halvane::TakeTrace(),
-            Expected({RemoveDirectory(file), ScandirError(ENOTDIR)}, 5));
+  EXPECT_EQ(halvane::TakeTrace(), Expected({RemoveDirectory(file), ScandirError(ENOTDIR)}, 5));
   EXPECT_TRUE(fs::exists(file));
 }
 
