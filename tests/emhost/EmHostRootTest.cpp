@@ -1,0 +1,118 @@
+// Tests of the BMC stand-in that need root: a BMC directory on a small
+// tmpfs, to see the free-space check and a full file system. They skip
+// themselves without root or where tmpfs cannot be mounted.
+#include <cstdlib>
+#include <fstream>
+#include <set>
+#include <string>
+#include <thread>
+#include <chrono>
+
+#include <dirent.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "host/emhost/BmcFileTransfer.h"
+
+namespace {
+
+std::set<std::string> Entries(const std::string& dir) {
+  std::set<std::string> names;
+  DIR* listing = ::opendir(dir.c_str());
+  if (listing == nullptr) return names;
+  while (dirent* entry = ::readdir(listing)) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.insert(name);
+  }
+  ::closedir(listing);
+  return names;
+}
+
+class EmHostSmallBmc : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to mount a tmpfs";
+    char pattern[] = "/tmp/emhost-root.XXXXXX";
+    const char* made = ::mkdtemp(pattern);
+    ASSERT_NE(made, nullptr);
+    m_Dir = made;
+    m_Bmc = m_Dir + "/bmc";
+    ASSERT_EQ(::mkdir(m_Bmc.c_str(), 0755), 0);
+    if (::mount("tmpfs", m_Bmc.c_str(), "tmpfs", 0, "size=256k") != 0) {
+      GTEST_SKIP() << "cannot mount a tmpfs here";
+    }
+    m_Mounted = true;
+  }
+  void TearDown() override {
+    if (m_Mounted) ::umount(m_Bmc.c_str());
+    if (!m_Dir.empty()) {
+      const std::string command = "rm -rf '" + m_Dir + "'";
+      if (std::system(command.c_str()) != 0) {
+        // A left-over temporary directory does no harm.
+      }
+    }
+  }
+  void Source(std::size_t size) {
+    std::ofstream out(m_Dir + "/src", std::ios::binary);
+    out << std::string(size, 'z');
+  }
+  unsigned int Transfer(const std::string& name) {
+    CBmcFileTransfer transfer(m_Bmc);
+    CBmcTransferRequest request;
+    request.m_FileType = 2;
+    request.m_LocalPath = m_Dir + "/src";
+    request.m_BmcName = name;
+    CBmcTransferJob job;
+    transfer.Run(request, job);
+    return job.m_Status;
+  }
+
+  std::string m_Dir;
+  std::string m_Bmc;
+  bool m_Mounted = false;
+};
+
+}  // namespace
+
+TEST_F(EmHostSmallBmc, FileLargerThanTheFreeSpaceIsRefusedBeforeCopying) {
+  Source(512 * 1024);
+  EXPECT_EQ(Transfer("big.zip"), static_cast<unsigned int>(BMC_NO_SPACE));
+  EXPECT_TRUE(Entries(m_Bmc).empty());
+}
+
+TEST_F(EmHostSmallBmc, FileThatFitsIsStored) {
+  Source(64 * 1024);
+  EXPECT_EQ(Transfer("fits.zip"), static_cast<unsigned int>(BMC_OK));
+  EXPECT_EQ(Entries(m_Bmc), (std::set<std::string>{"fits.zip", "fits.zip.sha256"}));
+}
+
+TEST_F(EmHostSmallBmc, FileSystemFillingUpDuringTheCopyLeavesNothingBehind) {
+  // The free-space check passes, then something else takes the space while
+  // the copy is under way (slowed down by the test throttle: 25 chunks with
+  // 50 ms after each): the write fails with ENOSPC, the answer is "no
+  // space", and the temporary file is gone.
+  Source(100 * 1024);
+  CBmcFileTransfer transfer(m_Bmc);
+  transfer.SetThrottleForTesting(4096, 50);
+  CBmcTransferRequest request;
+  request.m_FileType = 2;
+  request.m_LocalPath = m_Dir + "/src";
+  request.m_BmcName = "late.zip";
+  CBmcTransferJob job;
+  std::thread filler([&] {
+    // Once the temporary copy exists, the check is behind us: fill up.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (Entries(m_Bmc).empty() && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    std::ofstream out(m_Bmc + "/filler", std::ios::binary);
+    out << std::string(256 * 1024, 'f');
+  });
+  transfer.Run(request, job);
+  filler.join();
+  EXPECT_EQ(job.m_Status, static_cast<unsigned int>(BMC_NO_SPACE));
+  EXPECT_EQ(Entries(m_Bmc), (std::set<std::string>{"filler"}));
+}
