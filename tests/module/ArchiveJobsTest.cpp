@@ -2,8 +2,9 @@
 // child process) and archive transfer to the BMC through the HTI module.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <ctime>
-#include <regex>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -73,10 +74,10 @@ class CreationTest : public ModuleUnitTest {
   // The duration the trace reports, checked against the wall clock around
   // the call (the job counts whole seconds from before the process search).
   long TracedDuration(const std::string& trace) {
-    std::smatch match;
-    static const std::regex pattern("duration = (-?[0-9]+) seconds");
-    if (!std::regex_search(trace, match, pattern)) return -1;
-    const long duration = std::stol(match[1]);
+    const std::string marker = "duration = ";
+    const std::size_t at = trace.find(marker);
+    if (at == std::string::npos) return -1;
+    const long duration = std::strtol(trace.c_str() + at + marker.size(), nullptr, 10);
     EXPECT_GE(duration, 0);
     EXPECT_LE(duration, static_cast<long>(m_After - m_Before));
     return duration;
@@ -280,7 +281,15 @@ TEST_F(CreationTest, ToolProcessIdIsPublishedWhileTheToolRunsAndClearedAfterward
   std::thread worker([&] { result = m_Module.StartArchiveCreation(request); });
   std::string pid;
   const bool running = started.ReadLine(pid, 30000);
-  const unsigned int published = __atomic_load_n(&m_Module.m_ToolProcessId, __ATOMIC_ACQUIRE);
+  // The host stores the id right after the spawn returns, which races the
+  // tool's own first line; the tool is held, so the id must show up while it
+  // runs. Bounded, and over long before the bound unless the id never comes.
+  unsigned int published = 0;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (running && published == 0 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+    published = __atomic_load_n(&m_Module.m_ToolProcessId, __ATOMIC_ACQUIRE);
+  }
   hold.Release();
   worker.join();
   ASSERT_TRUE(running);

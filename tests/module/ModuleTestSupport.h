@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -229,6 +230,26 @@ inline std::vector<long> ProcessGroupMembers(long pgid) {
   }
   closedir(proc);
   return members;
+}
+
+// Waits until no live process of group pgid is left, up to timeoutMs. A
+// member killed a moment ago may still be on its way out; its pidfd turns
+// readable once it has exited, so this waits on the processes themselves.
+inline std::vector<long> GroupMembersAfterExit(long pgid, int timeoutMs) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  std::vector<long> alive;
+  for (long pid : ProcessGroupMembers(pgid)) {
+    const int fd = static_cast<int>(syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0));
+    if (fd < 0) continue;  // gone already
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          deadline - std::chrono::steady_clock::now())
+                          .count();
+    struct pollfd pfd = {fd, POLLIN, 0};
+    const int ready = poll(&pfd, 1, left > 0 ? static_cast<int>(left) : 0);
+    close(fd);
+    if (ready <= 0) alive.push_back(pid);
+  }
+  return alive;
 }
 
 // Checks that the given pieces occur in text in this order, each after the
