@@ -2,8 +2,13 @@
 // TerminateProcess and FindProcess.
 //
 // Every child started by ExecuteCmd is kept in a spawn table until it is
-// reaped, with a pidfd that all its waiters poll. Two rules keep process ids
-// from being mistaken for somebody else's after reuse:
+// reaped. One watcher thread per child blocks in poll() on the child's pidfd
+// (no polling loop: it sleeps until the kernel reports the exit), reaps the
+// child and wakes every waiter. Callers (ExecuteCmd, WaitForExit) wait on a
+// condition variable: a wait that CThread::Kill can cancel cleanly, with the
+// table mutex released on the way out, and that the sanitizers understand.
+// Two rules keep process ids from being mistaken for somebody else's after
+// reuse:
 //  - a child is reaped only under the table's lock, and it leaves the table
 //    in the same step;
 //  - a process (or its group) is signalled only under that lock, while its
@@ -37,6 +42,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
+#include <thread>
 
 extern char** environ;
 
@@ -65,7 +72,20 @@ struct CChild {
 using CChildPtr = std::shared_ptr<CChild>;
 
 struct CSpawnTable {
-  std::mutex m_Mutex;
+  CSpawnTable() {
+    pthread_mutex_init(&m_Mutex, nullptr);
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    pthread_cond_init(&m_Reaped, &attributes);
+    pthread_condattr_destroy(&attributes);
+  }
+
+  // pthread primitives rather than std ones: waits on m_Reaped are
+  // cancellation points that must unwind (std::condition_variable's wait is
+  // not meant to be unwound through).
+  pthread_mutex_t m_Mutex;
+  pthread_cond_t m_Reaped;                     // broadcast whenever a child is reaped
   std::map<pid_t, CChildPtr> m_Live;           // spawned, not yet reaped
   std::map<pid_t, unsigned int> m_Exited;      // reaped: the code they reported
   std::deque<pid_t> m_ExitedOrder;             // oldest first, to bound m_Exited
@@ -75,6 +95,19 @@ CSpawnTable& Spawns() {
   static CSpawnTable* const table = new CSpawnTable;  // children may outlive static destruction
   return *table;
 }
+
+// Holds the table mutex for a scope; also releases it when a cancelled wait
+// unwinds (the cancelled pthread_cond_wait re-acquires it first).
+class CTableLock {
+ public:
+  explicit CTableLock(CSpawnTable& table) : m_Table(table) { pthread_mutex_lock(&m_Table.m_Mutex); }
+  ~CTableLock() { pthread_mutex_unlock(&m_Table.m_Mutex); }
+  CTableLock(const CTableLock&) = delete;
+  CTableLock& operator=(const CTableLock&) = delete;
+
+ private:
+  CSpawnTable& m_Table;
+};
 
 void RememberExitLocked(CSpawnTable& table, pid_t pid, unsigned int code) {
   if (table.m_Exited.find(pid) == table.m_Exited.end()) table.m_ExitedOrder.push_back(pid);
@@ -126,28 +159,49 @@ bool HasEndedLocked(const CChild& child) {
   return rc != 0 || info.si_pid == child.m_Pid;
 }
 
-// Milliseconds left until deadline (CLOCK_MONOTONIC), at least 0.
-int MillisecondsLeft(const timespec& deadline) {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  const long long left = (static_cast<long long>(deadline.tv_sec) - now.tv_sec) * 1000LL +
-                         (deadline.tv_nsec - now.tv_nsec) / 1000000LL;
-  if (left <= 0) return 0;
-  return left > INT_MAX ? INT_MAX : static_cast<int>(left);
+// Blocks until the child has ended, without reaping it.
+void BlockUntilEnded(const CChild& child) {
+  if (child.m_PidFd >= 0) {
+    pollfd descriptor{child.m_PidFd, POLLIN, 0};
+    for (;;) {
+      const int rc = ::poll(&descriptor, 1, -1);
+      if (rc > 0) return;
+      if (rc < 0 && errno != EINTR) break;  // fall back to waitid below
+    }
+  }
+  siginfo_t info;
+  std::memset(&info, 0, sizeof(info));
+  while (::waitid(P_PID, static_cast<id_t>(child.m_Pid), &info, WEXITED | WNOWAIT) < 0 &&
+         errno == EINTR) {
+  }
 }
 
-// Waits for the child to end and reaps it (unless another waiter did first).
-// timeoutMs CEvent::kInfinite waits without limit. poll() and waitid() are
-// cancellation points: a thread killed here leaves the child in the table,
-// still running and still ours to terminate and reap.
-//
-// Not instrumented by AddressSanitizer: a cancellation unwinds this frame
-// without the sanitizer noticing, and the redzones it leaves poisoned below
-// the caller's landing pad trip the sanitizer's own bookkeeping there (a
-// false stack-buffer-overflow). Nothing in here indexes memory.
-__attribute__((no_sanitize("address"))) bool WaitAndReap(const CChildPtr& child, unsigned int timeoutMs, unsigned int& exitCode) {
+// The watcher: waits for the child's end, reaps it under the lock and wakes
+// all waiters. Runs on its own thread, which nobody cancels.
+void WatchChild(const CChildPtr& child) {
+  BlockUntilEnded(*child);
   CSpawnTable& table = Spawns();
-  const bool infinite = timeoutMs == CEvent::kInfinite;
+  CTableLock lock(table);
+  ReapLocked(table, *child);
+  pthread_cond_broadcast(&table.m_Reaped);
+}
+
+void StartWatcher(const CChildPtr& child) {
+  // Cancellation stays off on the watcher (it inherits nothing of the kind,
+  // but a detached helper must never be unwound halfway through a reap).
+  try {
+    std::thread([child] {
+      pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+      WatchChild(child);
+    }).detach();
+  } catch (const std::system_error&) {
+    // No thread to be had: the caller watches itself. Its wait is then
+    // poll() on the pidfd, still a cancellation point.
+    WatchChild(child);
+  }
+}
+
+timespec DeadlineAfter(unsigned int timeoutMs) {
   timespec deadline{};
   clock_gettime(CLOCK_MONOTONIC, &deadline);
   deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000u);
@@ -156,37 +210,29 @@ __attribute__((no_sanitize("address"))) bool WaitAndReap(const CChildPtr& child,
     deadline.tv_sec += 1;
     deadline.tv_nsec -= 1000000000L;
   }
-
-  for (;;) {
-    {
-      std::lock_guard<std::mutex> lock(table.m_Mutex);
-      if (ReapLocked(table, *child)) {
-        exitCode = child->m_ExitCode;
-        return true;
-      }
-    }
-    if (child->m_PidFd >= 0) {
-      pollfd descriptor{child->m_PidFd, POLLIN, 0};
-      const int rc = ::poll(&descriptor, 1, infinite ? -1 : MillisecondsLeft(deadline));
-      if (rc < 0 && errno != EINTR) return false;
-      if (rc == 0) return false;  // timed out
-    } else {
-      // No pidfd (kernel without pidfd_open): block in waitid without
-      // reaping, so that the reap itself still happens under the lock.
-      if (!infinite) return false;
-      siginfo_t info;
-      std::memset(&info, 0, sizeof(info));
-      if (::waitid(P_PID, static_cast<id_t>(child->m_Pid), &info, WEXITED | WNOWAIT) < 0 &&
-          errno != EINTR) {
-        std::lock_guard<std::mutex> lock(table.m_Mutex);
-        if (!ReapLocked(table, *child)) return false;
-      }
-    }
-  }
+  return deadline;
 }
 
-// 0 and 1 are never our children; and a negative id given to kill() would
-// address a process group (-1: every process we may signal).
+// Waits until the child is reaped (by its watcher) or the time-out passed;
+// CEvent::kInfinite waits without limit. A cancellation point: a thread
+// killed here leaves the child running, in the table, still ours to
+// terminate and reap.
+bool WaitReaped(const CChildPtr& child, unsigned int timeoutMs, unsigned int& exitCode) {
+  CSpawnTable& table = Spawns();
+  CTableLock lock(table);
+  if (timeoutMs == CEvent::kInfinite) {
+    while (!child->m_Reaped) pthread_cond_wait(&table.m_Reaped, &table.m_Mutex);
+  } else {
+    const timespec deadline = DeadlineAfter(timeoutMs);
+    while (!child->m_Reaped) {
+      if (pthread_cond_timedwait(&table.m_Reaped, &table.m_Mutex, &deadline) == ETIMEDOUT) break;
+    }
+  }
+  if (!child->m_Reaped) return false;
+  exitCode = child->m_ExitCode;
+  return true;
+}
+
 // Called through syscall(): the C library's <sys/pidfd.h> of this
 // generation declares them without C linkage for C++.
 int OpenPidFd(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0u)); }
@@ -284,7 +330,7 @@ bool CProcess::ExecuteCmd(const char* commandLine, unsigned int& processId, unsi
   {
     // Spawn and register under the lock: TerminateProcess and WaitForExit
     // never see a child that exists but is not in the table yet.
-    std::lock_guard<std::mutex> lock(table.m_Mutex);
+    CTableLock lock(table);
     pid_t pid = 0;
     const int rc = posix_spawn(&pid, commandLine, &actions, &attributes, arguments, environ);
     posix_spawn_file_actions_destroy(&actions);
@@ -302,8 +348,9 @@ bool CProcess::ExecuteCmd(const char* commandLine, unsigned int& processId, unsi
     __atomic_store_n(&processId, static_cast<unsigned int>(pid), __ATOMIC_RELEASE);
   }
 
+  StartWatcher(child);
   unsigned int code = 0;
-  if (!WaitAndReap(child, CEvent::kInfinite, code)) return false;
+  if (!WaitReaped(child, CEvent::kInfinite, code)) return false;
   exitCode = code;
   return true;
 }
@@ -338,7 +385,7 @@ bool CProcess::WaitForExit(unsigned int processId, unsigned int& exitCode, unsig
   CSpawnTable& table = Spawns();
   CChildPtr child;
   {
-    std::lock_guard<std::mutex> lock(table.m_Mutex);
+    CTableLock lock(table);
     auto live = table.m_Live.find(pid);
     if (live != table.m_Live.end()) {
       child = live->second;
@@ -350,7 +397,7 @@ bool CProcess::WaitForExit(unsigned int processId, unsigned int& exitCode, unsig
     }
   }
   unsigned int code = 0;
-  if (!WaitAndReap(child, timeoutMs, code)) return false;
+  if (!WaitReaped(child, timeoutMs, code)) return false;
   exitCode = code;
   return true;
 }
@@ -361,7 +408,7 @@ bool CProcess::TerminateProcess(unsigned int processId, unsigned int exitCode) {
   if (!ValidPid(processId)) return false;
   const pid_t pid = static_cast<pid_t>(processId);
   CSpawnTable& table = Spawns();
-  std::lock_guard<std::mutex> lock(table.m_Mutex);
+  CTableLock lock(table);
   auto live = table.m_Live.find(pid);
   if (live == table.m_Live.end()) return false;  // not ours, or already reaped: signal nobody
   CChild& child = *live->second;

@@ -301,10 +301,10 @@ TEST_F(ThreadTest, KillEndsAThreadBlockedInExecuteCmdAndTheChildCanBeTerminated)
   EXPECT_FALSE(CProcess::TerminateProcess(pid, 1));  // reaped: not ours any more
 }
 
-// A child whose waiter was killed ends by itself and stays unreaped: it is
-// still ours, TerminateProcess finds it (and signals nothing that could be
-// somebody else's), and the child keeps its own exit code.
-TEST_F(ThreadTest, ChildOfAKilledWaiterThatEndedKeepsItsOwnCode) {
+// A child whose waiter was killed is still watched: when it ends by itself
+// it is reaped (no zombie is left behind), a later WaitForExit gets its own
+// exit code, and TerminateProcess no longer takes its id for ours.
+TEST_F(ThreadTest, ChildOfAKilledWaiterIsStillReapedWithItsOwnCode) {
   CTempDir dir;
   ASSERT_TRUE(dir.Valid());
   const std::string flag = dir / "go";
@@ -317,13 +317,14 @@ TEST_F(ThreadTest, ChildOfAKilledWaiterThatEndedKeepsItsOwnCode) {
   ASSERT_TRUE(WaitUntil([&] { return LoadPid(probe.m_ProcessId) != 0; }));
   const unsigned int pid = LoadPid(probe.m_ProcessId);
   ASSERT_EQ(1, thread.Kill(0));
+  EXPECT_TRUE(hosttest::ProcessRuns(static_cast<int>(pid)));
   hosttest::WriteFile(flag, "");
-  ASSERT_TRUE(WaitUntil([&] { return hosttest::ProcessState(static_cast<int>(pid)) == 'Z'; }));
-  EXPECT_TRUE(CProcess::TerminateProcess(pid, 1));
   unsigned int code = 0;
   EXPECT_TRUE(CProcess::WaitForExit(pid, code, 10000));
   EXPECT_EQ(7u, code);
-  EXPECT_EQ(0, hosttest::ProcessState(static_cast<int>(pid)));  // reaped
+  EXPECT_NE('Z', hosttest::ProcessState(static_cast<int>(pid)));
+  EXPECT_FALSE(CProcess::TerminateProcess(pid, 1));
+  EXPECT_EQ(0xDEADu, probe.m_ExitCode);  // the killed waiter never wrote it
 }
 
 // ----- thread monitor ---------------------------------------------------------
