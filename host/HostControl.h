@@ -40,6 +40,22 @@ void SetRegistryValue(const std::string& keyPath, const std::string& valueName,
 bool LoadRegistryFile(const char* path, std::string* error);
 std::string ProductRootKey(const char* productName);
 
+// ----- child processes (CProcess) -----------------------------------------
+// Nothing to set up. What the stand-alone host guarantees:
+//  - ExecuteCmd runs its command line as one executable path (no shell, no
+//    word splitting, no PATH search) in a process group of its own, with an
+//    empty signal mask and default signal actions; it returns false when the
+//    file is missing, not a regular file, not executable or not a program.
+//  - Exit codes: the exit status; 128 + the signal number for a child ended
+//    by a signal; the code given to TerminateProcess for a child ended there;
+//    255 when the status was lost (SIGCHLD ignored by the process).
+//  - TerminateProcess sends SIGKILL to the child and its process group, and
+//    only ever to an unreaped child of ExecuteCmd; any other id gives false.
+//  - WaitForExit waits for a child of ExecuteCmd (also beside a running
+//    ExecuteCmd); one already reaped reports its code at once.
+//  - FindProcess matches /proc/<pid>/comm exactly (names of 15 characters
+//    or more also by the first word of the command line) and skips zombies.
+
 // ----- thread monitor (pThreadMonitor, ThreadCounter) ----------------------
 // A fresh, empty table (a table installed before is freed) whose table
 // mutex is a host-owned mutex; ThreadCounter is reset to 0. CThread::Start

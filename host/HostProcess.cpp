@@ -32,6 +32,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -179,11 +180,15 @@ void BlockUntilEnded(const CChild& child) {
 // The watcher: waits for the child's end, reaps it under the lock and wakes
 // all waiters. Runs on its own thread, which nobody cancels.
 void WatchChild(const CChildPtr& child) {
-  BlockUntilEnded(*child);
   CSpawnTable& table = Spawns();
-  CTableLock lock(table);
-  ReapLocked(table, *child);
-  pthread_cond_broadcast(&table.m_Reaped);
+  for (;;) {
+    BlockUntilEnded(*child);
+    CTableLock lock(table);
+    if (ReapLocked(table, *child)) {
+      pthread_cond_broadcast(&table.m_Reaped);
+      return;
+    }
+  }
 }
 
 void StartWatcher(const CChildPtr& child) {
@@ -341,8 +346,11 @@ bool CProcess::ExecuteCmd(const char* commandLine, unsigned int& processId, unsi
     child->m_Pid = pid;
     child->m_PidFd = OpenPidFd(pid);  // close-on-exec by nature
     table.m_Live[pid] = child;
-    auto exited = table.m_Exited.find(pid);
-    if (exited != table.m_Exited.end()) table.m_Exited.erase(exited);  // an old child's id came back
+    // An old child's id came back: its remembered code is not this one's.
+    if (table.m_Exited.erase(pid) != 0) {
+      table.m_ExitedOrder.erase(
+          std::find(table.m_ExitedOrder.begin(), table.m_ExitedOrder.end(), pid));
+    }
     // Visible to other threads from here on (the module reads it with an
     // atomic load to terminate a long run).
     __atomic_store_n(&processId, static_cast<unsigned int>(pid), __ATOMIC_RELEASE);
