@@ -2,21 +2,20 @@
 // the verified, all-or-nothing copy into the BMC directory.
 #include "host/emhost/BmcFileTransfer.h"
 
+#include "host/emhost/Sha256.h"
+#include "message/SipJson.h"
+
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
 #include <fcntl.h>
+#include <string>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <thread>
 #include <unistd.h>
-
-#include "host/emhost/Sha256.h"
-#include "message/SipJson.h"
+#include <utility>
+#include <vector>
 
 namespace {
 

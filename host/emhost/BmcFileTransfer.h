@@ -24,13 +24,13 @@ constexpr unsigned int kFileTypeKorvexArchive = 2u;
 // statuses the Korvex module writes itself (0 1 3 5 6 13 20 22), because
 // the module passes them on to its requester unchanged.
 enum BmcTransferStatus : unsigned int {
-  BMC_OK = 0,               // stored, verified, checksum recorded
-  BMC_BAD_REQUEST = 7,      // "DA" is not {"FileType":2,"LocalFilePath":"...","BmcFilePath":"..."}
-  BMC_NAME_REFUSED = 8,     // "BmcFilePath" empty, absolute, ".", over 200 bytes, or holds ".." or "/"
+  BMC_OK = 0,            // stored, verified, checksum recorded
+  BMC_BAD_REQUEST = 7,   // "DA" is not {"FileType":2,"LocalFilePath":"...","BmcFilePath":"..."}
+  BMC_NAME_REFUSED = 8,  // "BmcFilePath" empty, absolute, ".", over 200 bytes, or holds ".." or "/"
   BMC_SOURCE_UNREADABLE = 9,  // "LocalFilePath" is not a readable regular file
-  BMC_NO_SPACE = 10,        // not enough free space in the BMC directory
-  BMC_TIMED_OUT = 11,       // not done within the request's "TO" seconds
-  BMC_WRITE_FAILED = 12,    // the BMC directory cannot be written, or the copy did not verify
+  BMC_NO_SPACE = 10,          // not enough free space in the BMC directory
+  BMC_TIMED_OUT = 11,         // not done within the request's "TO" seconds
+  BMC_WRITE_FAILED = 12,      // the BMC directory cannot be written, or the copy did not verify
 };
 
 // What one request asks for, read from its current command.

@@ -1,5 +1,16 @@
 // em-host's commands: query, create, transfer, collect, cleanup, info and
 // serve, with the progress display and the final summaries.
+#include "frame/ExtensionModule.h"
+#include "host/HostControl.h"
+#include "host/emhost/EmHost.h"
+#include "host/emhost/HostSwitch.h"
+#include "host/emhost/ModuleHost.h"
+#include "host/emhost/ServeSession.h"
+#include "host/emhost/Sha256.h"
+#include "host/emhost/Signals.h"
+#include "host/emhost/StatusText.h"
+#include "message/SipJson.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -11,23 +22,11 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <string>
-
 #include <poll.h>
+#include <string>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include "frame/ExtensionModule.h"
-#include "host/HostControl.h"
-#include "host/emhost/EmHost.h"
-#include "host/emhost/HostSwitch.h"
-#include "host/emhost/ModuleHost.h"
-#include "host/emhost/ServeSession.h"
-#include "host/emhost/Sha256.h"
-#include "host/emhost/Signals.h"
-#include "host/emhost/StatusText.h"
-#include "message/SipJson.h"
 
 namespace {
 
@@ -177,8 +176,8 @@ class CHostRun {
 
   // Loads the library; reports and returns false on failure.
   bool Load() {
-    std::string path = m_Options.m_ModulePath.empty() ? DefaultModulePath()
-                                                      : m_Options.m_ModulePath;
+    std::string path =
+        m_Options.m_ModulePath.empty() ? DefaultModulePath() : m_Options.m_ModulePath;
     std::string error;
     if (!m_Library.Load(path, &error)) {
       Complain("cannot load the module library: " + error);
@@ -280,7 +279,8 @@ class CHostRun {
   void ExplainNotStarted(const std::string& what) {
     std::string root;
     if (!ConfiguredToolRoot(root)) {
-      Complain(what + ": no Korvex installation root is configured (use --tool-root or "
+      Complain(what +
+               ": no Korvex installation root is configured (use --tool-root or "
                "--registry); the module did not start");
     } else {
       Complain(what + ": Korvex is not installed (" + root + kToolName +
@@ -333,8 +333,7 @@ struct CCreated {
 
 // The creation step of create and collect. Returns -1 when the archive was
 // created (filled into created), else the exit status.
-int CreateArchive(CHostRun& run, const std::string& what, CProgress& progress,
-                  CCreated& created) {
+int CreateArchive(CHostRun& run, const std::string& what, CProgress& progress, CCreated& created) {
   const unsigned int limit = run.m_Options.m_TimeoutSec;
   SipJson request;
   CHostRun::Build(request, kOpcodeCreate, run.m_Options.m_Cabinet, limit, nullptr);
@@ -428,8 +427,8 @@ void PrintDestination(const CTransferred& done, const char* pad) {
                 static_cast<unsigned long long>(done.m_Size));
     std::printf("sha256:%s     %s\n", pad, done.m_Sha256.c_str());
   } else {
-    std::printf("destination:%s%s (not present: the file transfer answered without copying)\n",
-                pad, done.m_Destination.c_str());
+    std::printf("destination:%s%s (not present: the file transfer answered without copying)\n", pad,
+                done.m_Destination.c_str());
   }
 }
 
@@ -462,8 +461,7 @@ int RunTransfer(CHostRun& run) {
   if (!StartForJob(run, "transfer")) return kExitSetup;
   CProgress progress;
   CTransferred done;
-  const int failed =
-      TransferArchive(run, "transfer", run.m_Options.m_TimeoutSec, progress, done);
+  const int failed = TransferArchive(run, "transfer", run.m_Options.m_TimeoutSec, progress, done);
   if (failed >= 0) return failed;
   PrintDestination(done, " ");
   std::printf("duration:    %s\n", Seconds(done.m_Seconds).c_str());
@@ -507,16 +505,21 @@ int RunCleanup(CHostRun& run) {
   const unsigned int result = run.m_Library.SetupAction(4);
   std::printf("cleanup: EM_SetupAction(4) returned %u\n", result);
   if (!configured) {
-    Complain("cleanup: no Korvex installation root is configured (use --tool-root or "
-             "--registry); nothing was removed");
+    Complain(
+        "cleanup: no Korvex installation root is configured (use --tool-root or "
+        "--registry); nothing was removed");
     return kExitStatus;
   }
   const bool archiveAfter = Exists(archive, false);
   const bool dirAfter = Exists(kDataDir, true);
   std::printf("archive:  %s %s\n", archive.c_str(),
-              archiveAfter ? "is still there" : archiveBefore ? "removed" : "was not there");
+              archiveAfter    ? "is still there"
+              : archiveBefore ? "removed"
+                              : "was not there");
   std::printf("data dir: %s %s\n", kDataDir.c_str(),
-              dirAfter ? "is still there" : dirBefore ? "removed" : "was not there");
+              dirAfter    ? "is still there"
+              : dirBefore ? "removed"
+                          : "was not there");
   if (archiveAfter || dirAfter) {
     Complain("cleanup: not everything could be removed");
     return kExitStatus;
@@ -532,10 +535,11 @@ int RunInfo(CHostRun& run) {
   std::printf("name:        %s\n", run.m_Instance.Module().GetName());
   std::printf("description: %s\n", field(p.m_ModuleDescription).c_str());
   std::printf("library:     %s\n", run.m_Library.Path().c_str());
-  std::printf("properties:  GetProperties %d, name \"%s\", kind %u, flags A 0x%02X, flags B "
-              "0x%02X\n",
-              run.m_PropertiesResult, field(p.m_ModuleName).c_str(), p.m_PropertiesKind,
-              p.m_FlagsA, p.m_FlagsB);
+  std::printf(
+      "properties:  GetProperties %d, name \"%s\", kind %u, flags A 0x%02X, flags B "
+      "0x%02X\n",
+      run.m_PropertiesResult, field(p.m_ModuleName).c_str(), p.m_PropertiesKind, p.m_FlagsA,
+      p.m_FlagsB);
   std::string root;
   if (ConfiguredToolRoot(root)) {
     std::printf("tool root:   %s (%s)\n", root.c_str(),
@@ -551,8 +555,8 @@ int RunServe(CHostRun& run) {
   // The session takes over the switch's events from here on.
   run.m_Switch.SetListener(nullptr);
   if (!run.Bring(!run.m_Options.m_NoStart, nullptr)) return kExitSetup;
-  CServeSession session(run.m_Library, run.m_Instance, run.m_Switch, run.m_Signals,
-                        STDIN_FILENO, stdout);
+  CServeSession session(run.m_Library, run.m_Instance, run.m_Switch, run.m_Signals, STDIN_FILENO,
+                        stdout);
   return session.Run();
 }
 

@@ -2,9 +2,9 @@
 // signals are blocked and the host services are set up.
 #pragma once
 
-#include <string>
-
 #include "host/emhost/Options.h"
+
+#include <string>
 
 class CSignalWatch;
 
@@ -12,10 +12,10 @@ class CSignalWatch;
 constexpr unsigned int kKorvexModuleId = 0x00010001u;
 
 // em-host's exit statuses besides 0 and 128 + signal number.
-constexpr int kExitStatus = 1;    // the final status is not 0; "not installed" for query
-constexpr int kExitUsage = 2;     // bad command line
-constexpr int kExitSetup = 3;     // the module cannot be loaded, created or started
-constexpr int kExitTimeout = 4;   // no answer in time; the module was stopped
+constexpr int kExitStatus = 1;   // the final status is not 0; "not installed" for query
+constexpr int kExitUsage = 2;    // bad command line
+constexpr int kExitSetup = 3;    // the module cannot be loaded, created or started
+constexpr int kExitTimeout = 4;  // no answer in time; the module was stopped
 
 // Runs the command of options; returns the exit status.
 int RunEmHostCommand(const CEmHostOptions& options, CSignalWatch& signals);

@@ -2,13 +2,13 @@
 // to the stand-in BMC file transfer, and the hand-back of answers.
 #include "host/emhost/HostSwitch.h"
 
+#include "frame/ExtensionModule.h"
+#include "message/SipJson.h"
+
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
-
-#include "frame/ExtensionModule.h"
-#include "message/SipJson.h"
 
 namespace {
 

@@ -10,15 +10,15 @@
 // back through SendReply still carries the tag.
 #pragma once
 
+#include "frame/HostServices.h"
+#include "host/emhost/BmcFileTransfer.h"
+
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include "frame/HostServices.h"
-#include "host/emhost/BmcFileTransfer.h"
 
 class CIExtensionModule;
 class SipJson;

@@ -1,9 +1,9 @@
 // Compact JSON text for em-host's output lines.
 #pragma once
 
-#include <string>
-
 #include "message/JsonTypes.h"
+
+#include <string>
 
 // The value as compact JSON, members in document order.
 std::string CompactJson(const JsonValue& value);

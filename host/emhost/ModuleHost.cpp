@@ -4,9 +4,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
-
 #include <dlfcn.h>
+#include <exception>
 #include <unistd.h>
 
 bool CModuleLibrary::Load(const std::string& path, std::string* error) {

@@ -3,10 +3,10 @@
 // requests, Stop, EM_Delete. EM_SetupAction needs no instance.
 #pragma once
 
-#include <string>
-
 #include "frame/ExtensionModule.h"
 #include "frame/ModuleEntry.h"
+
+#include <string>
 
 // The module library opened with dlopen and its four entry points.
 class CModuleLibrary {

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-
 #include <unistd.h>
 
 namespace {
@@ -99,10 +98,9 @@ bool ParseEmHostOptions(const std::vector<std::string>& args, CEmHostOptions& ou
       out.m_NoStart = true;
       continue;
     }
-    static const char* const kWithValue[] = {"--module",      "--tool-root",    "--registry",
-                                             "--cabinet",     "--bmc-dir",      "--trace",
-                                             "--trace-level", "--service-type", "--hti",
-                                             "--timeout"};
+    static const char* const kWithValue[] = {
+        "--module", "--tool-root",   "--registry",     "--cabinet", "--bmc-dir",
+        "--trace",  "--trace-level", "--service-type", "--hti",     "--timeout"};
     bool known = false;
     for (const char* name : kWithValue) known = known || arg == name;
     if (!known) return fail("unknown option " + arg);

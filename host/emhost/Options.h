@@ -1,24 +1,34 @@
 // em-host's command line: global options, one command and its arguments.
 #pragma once
 
+#include "host/emhost/HostSwitch.h"
+
 #include <string>
 #include <vector>
 
-#include "host/emhost/HostSwitch.h"
-
-enum class EmCommand { kNone, kHelp, kQuery, kCreate, kTransfer, kCollect, kCleanup, kInfo, kServe };
+enum class EmCommand {
+  kNone,
+  kHelp,
+  kQuery,
+  kCreate,
+  kTransfer,
+  kCollect,
+  kCleanup,
+  kInfo,
+  kServe
+};
 
 struct CEmHostOptions {
   EmCommand m_Command = EmCommand::kNone;
   std::string m_CommandName;
   std::string m_ArchiveName;  // transfer / collect NAME
 
-  std::string m_ModulePath;  // empty: DefaultModulePath()
-  std::string m_ToolRoot;    // --tool-root (absolute)
+  std::string m_ModulePath;    // empty: DefaultModulePath()
+  std::string m_ToolRoot;      // --tool-root (absolute)
   std::string m_RegistryFile;  // --registry
   unsigned int m_Cabinet = 0;
-  std::string m_BmcDir;      // absolute; default ./bmc
-  std::string m_TraceFile;   // empty: standard error
+  std::string m_BmcDir;     // absolute; default ./bmc
+  std::string m_TraceFile;  // empty: standard error
   unsigned int m_TraceLevel = 0;
   unsigned int m_ServiceType = 5;
   CHtiMode m_Hti;

@@ -1,16 +1,6 @@
 // em-host serve: reading JSON lines, driving the module, writing events.
 #include "host/emhost/ServeSession.h"
 
-#include <cerrno>
-#include <chrono>
-#include <cstring>
-#include <exception>
-#include <vector>
-
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include "frame/ExtensionModule.h"
 #include "host/emhost/EmHost.h"
 #include "host/emhost/JsonText.h"
@@ -18,6 +8,15 @@
 #include "host/emhost/Signals.h"
 #include "message/DataStruct.h"
 #include "message/SipJson.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <exception>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -89,7 +88,8 @@ int CServeSession::Run() {
     std::size_t left = static_cast<std::size_t>(got);
     while (left > 0 && !quit && m_Signal == 0) {
       const char* newline = static_cast<const char*>(std::memchr(data, '\n', left));
-      const std::size_t piece = newline != nullptr ? static_cast<std::size_t>(newline - data) : left;
+      const std::size_t piece =
+          newline != nullptr ? static_cast<std::size_t>(newline - data) : left;
       if (discarding) {
         if (newline != nullptr) discarding = false;
       } else if (line.size() + piece > kMaxLineBytes) {
@@ -130,7 +130,7 @@ CServeSession::LineResult CServeSession::HandleLine(const char* text, std::size_
     EmitError(error);
     return LineResult::kGoOn;
   }
-  const JsonValue& root = document.Document();
+  JsonValue& root = document.Document();
   if (!root.IsObject()) {
     EmitError("a line must be a JSON object");
     return LineResult::kGoOn;
@@ -149,9 +149,8 @@ CServeSession::LineResult CServeSession::HandleLine(const char* text, std::size_
   return LineResult::kGoOn;
 }
 
-CServeSession::LineResult CServeSession::HandleRequest(const JsonValue& line,
-                                                       const std::string& id) {
-  const JsonValue& request = line["request"];
+CServeSession::LineResult CServeSession::HandleRequest(JsonValue& line, const std::string& id) {
+  JsonValue& request = line["request"];
   if (!request.IsObject()) {
     EmitError("\"request\" must be a JSON object (a SIP message)");
     return LineResult::kGoOn;
@@ -169,10 +168,13 @@ CServeSession::LineResult CServeSession::HandleRequest(const JsonValue& line,
   }
 
   SipJson message;
-  // The message the module gets is exactly the one on the line (a full copy,
-  // fractional numbers included).
-  JsonValue copy(request, message.Allocator());
-  static_cast<JsonValue&>(message.Document()).Swap(copy);
+  // The message the module gets is exactly the one on the line, fractional
+  // numbers included: the parsed value itself is moved into the message
+  // rather than copied. Both documents allocate from the plain heap
+  // allocator, which has no state, so the message may free what the line's
+  // document allocated. The line's "request" is left holding the message's
+  // empty layout and is not read again.
+  static_cast<JsonValue&>(message.Document()).Swap(request);
   message.m_CmdIndex = static_cast<int>(index);
 
   std::map<std::uint64_t, CRequestState>::iterator state;
@@ -266,8 +268,7 @@ CServeSession::LineResult CServeSession::HandleControl(const JsonValue& line,
       return LineResult::kGoOn;
     }
   } catch (...) {
-    EmitError("control " + name + ": the module threw: " +
-              ExceptionText(std::current_exception()));
+    EmitError("control " + name + ": the module threw: " + ExceptionText(std::current_exception()));
     return LineResult::kGoOn;
   }
   Emit("{\"id\":" + id + ",\"event\":\"control\",\"control\":" + JsonQuote(name) +

@@ -12,15 +12,15 @@
 //   {"event":"error","line":N,"error":TEXT}             a line refused; the session goes on
 #pragma once
 
+#include "host/emhost/HostSwitch.h"
+#include "message/JsonTypes.h"
+
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <map>
 #include <mutex>
 #include <string>
-
-#include "host/emhost/HostSwitch.h"
-#include "message/JsonTypes.h"
 
 class CModuleInstance;
 class CModuleLibrary;
@@ -51,14 +51,15 @@ class CServeSession : public CISwitchListener {
  private:
   enum class LineResult { kGoOn, kQuit, kSignal };
   struct CRequestState {
-    std::string m_Id;          // the line's "id" as compact JSON
+    std::string m_Id;             // the line's "id" as compact JSON
     bool m_Acknowledged = false;  // the ack event (or an error) is out
     bool m_Queued = false;        // taken (result 1) with status 22
     bool m_Replied = false;
   };
 
   LineResult HandleLine(const char* text, std::size_t length);
-  LineResult HandleRequest(const JsonValue& line, const std::string& id);
+  // Moves the line's "request" into the message it delivers.
+  LineResult HandleRequest(JsonValue& line, const std::string& id);
   LineResult HandleControl(const JsonValue& line, const std::string& id);
   // Waits up to timeoutMs until every request acknowledged with 22 has
   // its reply: 1 when they have, 0 on time-out, -signo on a signal.

@@ -3,10 +3,9 @@
 
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
-
 #include <fcntl.h>
 #include <openssl/evp.h>
+#include <stdexcept>
 #include <unistd.h>
 
 CSha256::CSha256() : m_pContext(EVP_MD_CTX_new()) {

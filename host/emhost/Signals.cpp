@@ -3,10 +3,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <signal.h>
 #include <stdexcept>
 #include <string>
-
-#include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 

@@ -1,17 +1,16 @@
 // em-host: the stand-alone host program. It sets up the host services (the
 // trace sink, the configuration store, the thread monitor), blocks the
 // signals it handles, and runs one command against the loaded module.
-#include <cstdio>
-#include <exception>
-#include <string>
-#include <vector>
-
-#include <sys/stat.h>
-
 #include "host/HostControl.h"
 #include "host/emhost/EmHost.h"
 #include "host/emhost/Options.h"
 #include "host/emhost/Signals.h"
+
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
 
 namespace {
 
@@ -63,8 +62,7 @@ int main(int argc, char** argv) {
                                 options.m_ToolRoot);
     } else if (!options.m_RegistryFile.empty() &&
                !halvane::LoadRegistryFile(options.m_RegistryFile.c_str(), &error)) {
-      std::fprintf(stderr, "em-host: cannot load the configuration store: %s\n",
-                   error.c_str());
+      std::fprintf(stderr, "em-host: cannot load the configuration store: %s\n", error.c_str());
       return kExitSetup;
     }
 

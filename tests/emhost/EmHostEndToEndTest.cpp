@@ -1,27 +1,26 @@
 // End-to-end tests of em-host: the real binary, the real module library,
 // real child processes (fake Korvex tools written into a temporary tool
 // root, and the demo tool), driven through pipes.
+#include "host/emhost/Sha256.h"
+#include "tests/emhost/EmHostProcess.h"
+
+#include <gtest/gtest.h>
+
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <dirent.h>
 #include <fstream>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
-#include <vector>
-
-#include <dirent.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
-
-#include "host/emhost/Sha256.h"
-#include "tests/emhost/EmHostProcess.h"
+#include <vector>
 
 namespace {
 
@@ -80,6 +79,26 @@ bool WaitForFile(const std::string& path, int timeoutMs, CChildProcess* pump = n
     }
   }
   return false;
+}
+
+// line is before + a duration "<digits>.<digit> s" + after.
+bool WithSeconds(const std::string& line, const std::string& before, const std::string& after) {
+  if (line.size() < before.size() + after.size() + 5 ||
+      line.compare(0, before.size(), before) != 0 ||
+      line.compare(line.size() - after.size(), after.size(), after) != 0) {
+    return false;
+  }
+  const std::string middle = line.substr(before.size(), line.size() - before.size() - after.size());
+  const std::size_t dot = middle.find('.');
+  if (dot == 0 || dot == std::string::npos || middle.size() != dot + 4 ||
+      middle.compare(dot + 2, 2, " s") != 0 ||
+      !std::isdigit(static_cast<unsigned char>(middle[dot + 1]))) {
+    return false;
+  }
+  for (std::size_t i = 0; i < dot; ++i) {
+    if (!std::isdigit(static_cast<unsigned char>(middle[i]))) return false;
+  }
+  return true;
 }
 
 // The lines must appear in this order (not necessarily next to each other).
@@ -157,7 +176,8 @@ std::string TransferDone(unsigned int status) {
 
 // ----- fake tools -----------------------------------------------------------------
 
-const char kToolWritesArchive[] = "cd \"$(dirname \"$0\")\" && printf 'PK-demo' > Korvex_Data.zip\n";
+const char kToolWritesArchive[] =
+    "cd \"$(dirname \"$0\")\" && printf 'PK-demo' > Korvex_Data.zip\n";
 const char kToolFails[] = "exit 3\n";
 const char kToolNoArchive[] = "exit 0\n";
 // Records its own pid and its child's, then runs until it is ended.
@@ -188,7 +208,9 @@ class EmHostEndToEnd : public ::testing::Test {
 
   // Installs a fake Korvex tool: a bash script, so that its process name is
   // "Korvex" while it runs.
-  void Tool(const std::string& body) { WriteFile(m_Root + "/Korvex", "#!/bin/bash\n" + body, 0755); }
+  void Tool(const std::string& body) {
+    WriteFile(m_Root + "/Korvex", "#!/bin/bash\n" + body, 0755);
+  }
   void Archive(const std::string& content = "PK-archive") {
     WriteFile(m_Root + "/Korvex_Data.zip", content);
   }
@@ -268,18 +290,15 @@ TEST_F(EmHostEndToEnd, CollectWithTheDemoToolDeliversAVerifiedArchive) {
   const std::vector<std::string> lines = Lines(run.m_Out);
   ASSERT_EQ(lines.size(), 8u) << run.m_Out;
   EXPECT_EQ(lines[0], "collect: creating the Korvex archive (request queued, status 22)");
-  EXPECT_TRUE(std::regex_match(
-      lines[1], std::regex("collect: archive creation finished after [0-9]+\\.[0-9] s, status 0")))
+  EXPECT_TRUE(WithSeconds(lines[1], "collect: archive creation finished after ", ", status 0"))
       << lines[1];
   EXPECT_EQ(lines[2],
             "collect: transferring the archive to the BMC as demo.zip (request queued, status 22)");
-  EXPECT_TRUE(std::regex_match(
-      lines[3], std::regex("collect: transfer finished after [0-9]+\\.[0-9] s, status 0")))
-      << lines[3];
+  EXPECT_TRUE(WithSeconds(lines[3], "collect: transfer finished after ", ", status 0")) << lines[3];
   EXPECT_EQ(lines[4], "archive:     " + m_Root + "/Korvex_Data.zip (" + size + " bytes)");
   EXPECT_EQ(lines[5], "destination: " + stored + " (" + size + " bytes)");
   EXPECT_EQ(lines[6], "sha256:      " + hex);
-  EXPECT_TRUE(std::regex_match(lines[7], std::regex("duration:    [0-9]+\\.[0-9] s"))) << lines[7];
+  EXPECT_TRUE(WithSeconds(lines[7], "duration:    ", "")) << lines[7];
 
   // What arrived is a valid zip with the machine's facts, and the checksum
   // file is what sha256sum -c reads.
@@ -328,12 +347,12 @@ TEST_F(EmHostEndToEnd, ServeUnhandledOpcodesAnswerStatusOne) {
 TEST_F(EmHostEndToEnd, ServeTransferWithoutArchiveAnswersStatusThree) {
   Tool(kToolWritesArchive);
   // Refused before the request for the BMC is built: the answer keeps "DA".
-  EXPECT_EQ(Serve(RequestLine("1", Transfer("t.zip")) + WaitLine("2")),
-            (std::vector<std::string>{
-                Ack("1", 1, TransferAck("t.zip")),
-                Reply("1",
-                      R"({"SIP":{"V":1,"CMD":[{"OC":13314,"CA":0,"TO":30,"DA":"t.zip","ST":3}]}})"),
-                Control("2", "wait", 1)}));
+  EXPECT_EQ(
+      Serve(RequestLine("1", Transfer("t.zip")) + WaitLine("2")),
+      (std::vector<std::string>{
+          Ack("1", 1, TransferAck("t.zip")),
+          Reply("1", R"({"SIP":{"V":1,"CMD":[{"OC":13314,"CA":0,"TO":30,"DA":"t.zip","ST":3}]}})"),
+          Control("2", "wait", 1)}));
   EXPECT_TRUE(Entries(m_Bmc).empty());
 }
 
@@ -341,11 +360,12 @@ TEST_F(EmHostEndToEnd, ServeCreateWhileAnotherKorvexRunsAnswersStatusFive) {
   Tool(kToolWritesArchive);
   Archive("old");
   CForeignKorvex foreign(m_Dir + "/elsewhere");
-  EXPECT_EQ(Serve(RequestLine("1", kCreate) + WaitLine("2")),
-            (std::vector<std::string>{
-                Ack("1", 1, CreateStatus(22)),
-                Reply("1", R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"TO":30,"ST":5}],"C":true}})"),
-                Control("2", "wait", 1)}));
+  EXPECT_EQ(
+      Serve(RequestLine("1", kCreate) + WaitLine("2")),
+      (std::vector<std::string>{
+          Ack("1", 1, CreateStatus(22)),
+          Reply("1", R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"TO":30,"ST":5}],"C":true}})"),
+          Control("2", "wait", 1)}));
   // The module deletes the old archive before it looks for a running tool.
   EXPECT_FALSE(Exists(m_Root + "/Korvex_Data.zip"));
 }
@@ -353,34 +373,32 @@ TEST_F(EmHostEndToEnd, ServeCreateWhileAnotherKorvexRunsAnswersStatusFive) {
 TEST_F(EmHostEndToEnd, ServeFailingToolAnswersStatusSix) {
   Tool(kToolFails);
   EXPECT_EQ(Serve(RequestLine("1", kCreate) + WaitLine("2")),
-            (std::vector<std::string>{Ack("1", 1, CreateStatus(22)),
-                                      Reply("1", CreateStatus(6)), Control("2", "wait", 1)}));
+            (std::vector<std::string>{Ack("1", 1, CreateStatus(22)), Reply("1", CreateStatus(6)),
+                                      Control("2", "wait", 1)}));
 }
 
 TEST_F(EmHostEndToEnd, ServeToolWithoutArchiveAnswersStatusSix) {
   Tool(kToolNoArchive);
   EXPECT_EQ(Serve(RequestLine("1", kCreate) + WaitLine("2")),
-            (std::vector<std::string>{Ack("1", 1, CreateStatus(22)),
-                                      Reply("1", CreateStatus(6)), Control("2", "wait", 1)}));
+            (std::vector<std::string>{Ack("1", 1, CreateStatus(22)), Reply("1", CreateStatus(6)),
+                                      Control("2", "wait", 1)}));
 }
 
 TEST_F(EmHostEndToEnd, ServeSwitchShutdownNoticeMakesJobsAnswerStatusSix) {
   Tool(kToolWritesArchive);
   Archive();
-  const std::vector<std::string> lines =
-      Serve(R"({"id":1,"control":"notify","code":131072})"
-            "\n" +
-            RequestLine("2", kCreate) + WaitLine("3") + RequestLine("4", Transfer("t.zip")) +
-            WaitLine("5"));
-  EXPECT_EQ(lines,
-            (std::vector<std::string>{
-                Control("1", "notify", 0), Ack("2", 1, CreateStatus(22)),
-                Reply("2", CreateStatus(6)), Control("3", "wait", 1),
-                Ack("4", 1, TransferAck("t.zip")),
-                // Refused before "DA" is looked at: the answer keeps it.
-                Reply("4",
-                      R"({"SIP":{"V":1,"CMD":[{"OC":13314,"CA":0,"TO":30,"DA":"t.zip","ST":6}]}})"),
-                Control("5", "wait", 1)}));
+  const std::vector<std::string> lines = Serve(R"({"id":1,"control":"notify","code":131072})"
+                                               "\n" +
+                                               RequestLine("2", kCreate) + WaitLine("3") +
+                                               RequestLine("4", Transfer("t.zip")) + WaitLine("5"));
+  EXPECT_EQ(
+      lines,
+      (std::vector<std::string>{
+          Control("1", "notify", 0), Ack("2", 1, CreateStatus(22)), Reply("2", CreateStatus(6)),
+          Control("3", "wait", 1), Ack("4", 1, TransferAck("t.zip")),
+          // Refused before "DA" is looked at: the answer keeps it.
+          Reply("4", R"({"SIP":{"V":1,"CMD":[{"OC":13314,"CA":0,"TO":30,"DA":"t.zip","ST":6}]}})"),
+          Control("5", "wait", 1)}));
   // Nothing ran: the old archive is still there, nothing reached the BMC.
   EXPECT_EQ(ReadFile(m_Root + "/Korvex_Data.zip"), "PK-archive");
   EXPECT_TRUE(Entries(m_Bmc).empty());
@@ -390,13 +408,13 @@ TEST_F(EmHostEndToEnd, ServeOtherCabinetAnswersStatusTwenty) {
   Tool(kToolWritesArchive);
   const std::string other = R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":7,"TO":30}]}})";
   const std::string all = R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":4294967295}]}})";
-  EXPECT_EQ(Serve(RequestLine("1", other) + RequestLine("2", all) + WaitLine("3", 500)),
-            (std::vector<std::string>{
-                Ack("1", 0, R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":7,"TO":30,"ST":20}]}})"),
-                Ack("2", 1,
-                    R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":4294967295,"ST":0,"DA":1}]}})"),
-                // Refused requests are not waited for.
-                Control("3", "wait", 1)}));
+  EXPECT_EQ(
+      Serve(RequestLine("1", other) + RequestLine("2", all) + WaitLine("3", 500)),
+      (std::vector<std::string>{
+          Ack("1", 0, R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":7,"TO":30,"ST":20}]}})"),
+          Ack("2", 1, R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":4294967295,"ST":0,"DA":1}]}})"),
+          // Refused requests are not waited for.
+          Control("3", "wait", 1)}));
 }
 
 TEST_F(EmHostEndToEnd, ServeQueuedRequestsAreAcknowledgedWithStatusTwentyTwo) {
@@ -418,20 +436,21 @@ TEST_F(EmHostEndToEnd, ServeQueuedRequestsAreAcknowledgedWithStatusTwentyTwo) {
 // here: malformed messages are taken without an exception.
 TEST_F(EmHostEndToEnd, ServeMalformedMessagesAreHandledWithoutException) {
   Tool(kToolWritesArchive);
-  EXPECT_EQ(Serve(RequestLine("1", R"({"SIP":{"V":1,"CMD":{"OC":13312}}})") +
-                  RequestLine("2", R"({})") +
-                  RequestLine("3", R"({"SIP":{"V":1,"CMD":[{"OC":"x","CA":"y"}]}})")),
-            (std::vector<std::string>{
-                Ack("1", 0, R"({"SIP":{"V":1,"CMD":{"OC":13312}}})"), Ack("2", 0, "{}"),
-                Ack("3", 0, R"({"SIP":{"V":1,"CMD":[{"OC":"x","CA":"y","ST":1}]}})")}));
+  EXPECT_EQ(
+      Serve(RequestLine("1", R"({"SIP":{"V":1,"CMD":{"OC":13312}}})") + RequestLine("2", R"({})") +
+            RequestLine("3", R"({"SIP":{"V":1,"CMD":[{"OC":"x","CA":"y"}]}})")),
+      (std::vector<std::string>{
+          Ack("1", 0, R"({"SIP":{"V":1,"CMD":{"OC":13312}}})"), Ack("2", 0, "{}"),
+          Ack("3", 0, R"({"SIP":{"V":1,"CMD":[{"OC":"x","CA":"y","ST":1}]}})")}));
 }
 
 TEST_F(EmHostEndToEnd, ServeIndexSelectsTheCurrentCommand) {
   Tool(kToolWritesArchive);
   const std::string two = R"({"SIP":{"V":1,"CMD":[{"OC":4660},{"OC":13312,"CA":0}]}})";
-  EXPECT_EQ(Serve(R"({"id":1,"request":)" + two + R"(,"index":1})" + "\n"),
-            (std::vector<std::string>{Ack(
-                "1", 1, R"({"SIP":{"V":1,"CMD":[{"OC":4660},{"OC":13312,"CA":0,"ST":0,"DA":1}]}})")}));
+  EXPECT_EQ(
+      Serve(R"({"id":1,"request":)" + two + R"(,"index":1})" + "\n"),
+      (std::vector<std::string>{Ack(
+          "1", 1, R"({"SIP":{"V":1,"CMD":[{"OC":4660},{"OC":13312,"CA":0,"ST":0,"DA":1}]}})")}));
 }
 
 // ----- serve: the BMC stand-in -----------------------------------------------------------
@@ -471,8 +490,8 @@ TEST_F(EmHostEndToEnd, ServeHtiStatusModeAnswersTheGivenStatus) {
       Serve(RequestLine("1", Transfer("t.zip")) + WaitLine("2"), {"--hti", "status:7"});
   ExpectSameLines(lines, {Ack("1", 1, TransferAck("t.zip")), TransferEvent("t.zip"),
                           Reply("1", TransferDone(7)), Control("2", "wait", 1)});
-  ExpectInOrder(lines, {TransferEvent("t.zip"), Reply("1", TransferDone(7)),
-                        Control("2", "wait", 1)});
+  ExpectInOrder(lines,
+                {TransferEvent("t.zip"), Reply("1", TransferDone(7)), Control("2", "wait", 1)});
   EXPECT_TRUE(Entries(m_Bmc).empty());
 }
 
@@ -531,19 +550,21 @@ TEST_F(EmHostEndToEnd, ServeRefusesLinesOfUnknownForm) {
       "   \n"
       R"({"id":{"any":[1,"x"]},"control":"cabinet","nr":0})"
       "\n";
-  EXPECT_EQ(Serve(input),
-            (std::vector<std::string>{
-                Error(1, "a line must be a JSON object"),
-                Error(2, R"(a line needs \"request\" or \"control\")"),
-                Error(3, R"(a line holds \"request\" or \"control\", not both)"),
-                Error(4, R"(\"request\" must be a JSON object (a SIP message))"),
-                Error(5, R"(\"index\" must be an integer from 0 to 1023)"),
-                Error(6, R"(\"index\" must be an integer from 0 to 1023)"),
-                Error(7, R"(unknown control \"dance\" (start, stop, notify, cabinet, setup, wait, quit))"),
-                Error(8, R"(control notify needs \"code\" (an unsigned 32-bit number))"),
-                Error(9, R"(control cabinet: \"nr\" must be an unsigned 32-bit number)"),
-                Error(10, R"(\"control\" must be a string)"),
-                Control(R"({"any":[1,"x"]})", "cabinet", 1)}));
+  EXPECT_EQ(
+      Serve(input),
+      (std::vector<std::string>{
+          Error(1, "a line must be a JSON object"),
+          Error(2, R"(a line needs \"request\" or \"control\")"),
+          Error(3, R"(a line holds \"request\" or \"control\", not both)"),
+          Error(4, R"(\"request\" must be a JSON object (a SIP message))"),
+          Error(5, R"(\"index\" must be an integer from 0 to 1023)"),
+          Error(6, R"(\"index\" must be an integer from 0 to 1023)"),
+          Error(7,
+                R"(unknown control \"dance\" (start, stop, notify, cabinet, setup, wait, quit))"),
+          Error(8, R"(control notify needs \"code\" (an unsigned 32-bit number))"),
+          Error(9, R"(control cabinet: \"nr\" must be an unsigned 32-bit number)"),
+          Error(10, R"(\"control\" must be a string)"),
+          Control(R"({"any":[1,"x"]})", "cabinet", 1)}));
 }
 
 TEST_F(EmHostEndToEnd, ServeRefusesLinesNestedDeeperThanThirtyTwoLevels) {
@@ -554,17 +575,17 @@ TEST_F(EmHostEndToEnd, ServeRefusesLinesNestedDeeperThanThirtyTwoLevels) {
     return std::string(static_cast<std::size_t>(arrays), '[') +
            std::string(static_cast<std::size_t>(arrays), ']');
   };
-  const std::string deep32 = R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"TO":30,"X":)" +
-                             nested(27) + "}]}}";
-  const std::string deep33 = R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"TO":30,"X":)" +
-                             nested(28) + "}]}}";
+  const std::string deep32 =
+      R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"TO":30,"X":)" + nested(27) + "}]}}";
+  const std::string deep33 =
+      R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"TO":30,"X":)" + nested(28) + "}]}}";
   const std::string line33 = RequestLine("2", deep33);
   // The error names the offset of the bracket that opens level 33.
   const std::size_t offset = line33.find(std::string(28, '[')) + 27;
-  const std::string ack32 = R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"TO":30,"X":)" +
-                            nested(27) + R"(,"ST":22}]}})";
-  const std::string reply32 = R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"TO":30,"X":)" +
-                              nested(27) + R"(,"ST":0}]}})";
+  const std::string ack32 =
+      R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"TO":30,"X":)" + nested(27) + R"(,"ST":22}]}})";
+  const std::string reply32 =
+      R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"TO":30,"X":)" + nested(27) + R"(,"ST":0}]}})";
   EXPECT_EQ(Serve(RequestLine("1", deep32) + WaitLine("\"w\"") + line33 + RequestLine("3", kQuery)),
             (std::vector<std::string>{
                 Ack("1", 1, ack32), Reply("1", reply32), Control("\"w\"", "wait", 1),
@@ -580,8 +601,7 @@ TEST_F(EmHostEndToEnd, ServeRefusesLinesLongerThanOneMebibyte) {
   const std::string tail = R"(","request":)" + kQuery + "}";
   const std::string exact = head + std::string(limit - head.size() - tail.size(), 'p') + tail;
   ASSERT_EQ(exact.size(), limit);
-  const std::string tooLong =
-      head + std::string(limit + 1 - head.size() - tail.size(), 'p') + tail;
+  const std::string tooLong = head + std::string(limit + 1 - head.size() - tail.size(), 'p') + tail;
   EXPECT_EQ(Serve(exact + "\n" + tooLong + "\n" + RequestLine("3", kQuery)),
             (std::vector<std::string>{Ack("1", 1, kQueryInstalled),
                                       Error(2, "line longer than 1048576 bytes"),
@@ -607,25 +627,23 @@ TEST_F(EmHostEndToEnd, ServeControlsReportTheModulesResults) {
                             R"({"id":10,"control":"quit"})"
                             "\n" +
                             RequestLine("11", kQuery);
-  EXPECT_EQ(
-      Serve(input, {"--no-start"}),
-      (std::vector<std::string>{
-          // Not started: the module has not looked for the tool yet.
-          Ack("1", 1, kQueryNotInstalled), Control("2", "start", 1), Ack("3", 1, kQueryInstalled),
-          Control("4", "cabinet", 1),
-          Ack("5", 0, R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":0,"ST":20}]}})"),
-          Ack("6", 1, R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":5,"ST":0,"DA":1}]}})"),
-          Control("7", "setup", 0), Control("8", "notify", 0), Control("9", "stop", 1),
-          // Nothing after quit is read.
-          Control("10", "quit", 1)}));
+  EXPECT_EQ(Serve(input, {"--no-start"}),
+            (std::vector<std::string>{
+                // Not started: the module has not looked for the tool yet.
+                Ack("1", 1, kQueryNotInstalled), Control("2", "start", 1),
+                Ack("3", 1, kQueryInstalled), Control("4", "cabinet", 1),
+                Ack("5", 0, R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":0,"ST":20}]}})"),
+                Ack("6", 1, R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":5,"ST":0,"DA":1}]}})"),
+                Control("7", "setup", 0), Control("8", "notify", 0), Control("9", "stop", 1),
+                // Nothing after quit is read.
+                Control("10", "quit", 1)}));
 }
 
 TEST_F(EmHostEndToEnd, ServeStartReportsAMissingTool) {
   EXPECT_EQ(Serve(R"({"id":1,"control":"start"})"
                   "\n" +
                   RequestLine("2", kQuery)),
-            (std::vector<std::string>{Control("1", "start", 0),
-                                      Ack("2", 1, kQueryNotInstalled)}));
+            (std::vector<std::string>{Control("1", "start", 0), Ack("2", 1, kQueryNotInstalled)}));
 }
 
 // ----- commands ----------------------------------------------------------------------
@@ -670,10 +688,9 @@ TEST_F(EmHostEndToEnd, CreateReportsTheArchive) {
   const std::vector<std::string> lines = Lines(run.m_Out);
   ASSERT_EQ(lines.size(), 4u) << run.m_Out;
   EXPECT_EQ(lines[0], "create: creating the Korvex archive (request queued, status 22)");
-  EXPECT_TRUE(std::regex_match(
-      lines[1], std::regex("create: archive creation finished after [0-9]+\\.[0-9] s, status 0")));
+  EXPECT_TRUE(WithSeconds(lines[1], "create: archive creation finished after ", ", status 0"));
   EXPECT_EQ(lines[2], "archive:  " + m_Root + "/Korvex_Data.zip (7 bytes)");
-  EXPECT_TRUE(std::regex_match(lines[3], std::regex("duration: [0-9]+\\.[0-9] s"))) << lines[3];
+  EXPECT_TRUE(WithSeconds(lines[3], "duration: ", "")) << lines[3];
 }
 
 TEST_F(EmHostEndToEnd, CreateFailureNamesTheStatusAndItsMeaning) {
@@ -738,11 +755,10 @@ TEST_F(EmHostEndToEnd, TransferReportsDestinationAndChecksum) {
   ASSERT_EQ(lines.size(), 5u) << run.m_Out;
   EXPECT_EQ(lines[0],
             "transfer: transferring the archive to the BMC as t.zip (request queued, status 22)");
-  EXPECT_TRUE(std::regex_match(
-      lines[1], std::regex("transfer: transfer finished after [0-9]+\\.[0-9] s, status 0")));
+  EXPECT_TRUE(WithSeconds(lines[1], "transfer: transfer finished after ", ", status 0"));
   EXPECT_EQ(lines[2], "destination: " + m_Bmc + "/t.zip (10 bytes)");
   EXPECT_EQ(lines[3], "sha256:      " + hex);
-  EXPECT_TRUE(std::regex_match(lines[4], std::regex("duration:    [0-9]+\\.[0-9] s")));
+  EXPECT_TRUE(WithSeconds(lines[4], "duration:    ", ""));
 }
 
 TEST_F(EmHostEndToEnd, CtrlCDuringCreateStopsTheModuleAndEndsTheTool) {
@@ -757,8 +773,7 @@ TEST_F(EmHostEndToEnd, CtrlCDuringCreateStopsTheModuleAndEndsTheTool) {
   const CFinished run = emHost.Finish(60);
   EXPECT_EQ(run.m_Exit, 130);
   EXPECT_EQ(run.m_Out, "create: creating the Korvex archive (request queued, status 22)\n");
-  EXPECT_EQ(run.m_Err,
-            "em-host: interrupted; stopping the module, which ends a running Korvex\n");
+  EXPECT_EQ(run.m_Err, "em-host: interrupted; stopping the module, which ends a running Korvex\n");
   EXPECT_FALSE(Running(tool));
   EXPECT_FALSE(Running(sleeper));
 }
@@ -843,8 +858,7 @@ TEST_F(EmHostEndToEnd, TraceGoesToTheFileAndLevelZeroWritesNothing) {
             std::string::npos);
   const std::string control = m_Dir + "/control.trace";
   EXPECT_EQ(
-      EmHost({"--trace", control, "--trace-level", "4", "--service-type", "1", "query"}).m_Exit,
-      0);
+      EmHost({"--trace", control, "--trace-level", "4", "--service-type", "1", "query"}).m_Exit, 0);
   EXPECT_NE(ReadFile(control).find("\nEM_KORVEX           : Register event log source "
                                    "\"Halvane Server Control\" ..."),
             std::string::npos);
@@ -857,10 +871,9 @@ TEST_F(EmHostEndToEnd, TraceGoesToTheFileAndLevelZeroWritesNothing) {
 
 TEST_F(EmHostEndToEnd, InstalledTreeFindsItsModule) {
   const std::string destdir = m_Dir + "/stage";
-  const CFinished install =
-      RunProgram({EMHOST_CMAKE, "--install", EMHOST_BUILD_DIR, "--component", "emhost",
-                  "--prefix", "/opt/korvex"},
-                 "", {"DESTDIR=" + destdir});
+  const CFinished install = RunProgram({EMHOST_CMAKE, "--install", EMHOST_BUILD_DIR, "--component",
+                                        "emhost", "--prefix", "/opt/korvex"},
+                                       "", {"DESTDIR=" + destdir});
   ASSERT_EQ(install.m_Exit, 0) << install.m_Out << install.m_Err;
   const std::string prefix = destdir + "/opt/korvex";
   EXPECT_TRUE(Exists(prefix + "/bin/em-host"));

@@ -5,11 +5,10 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
-#include <stdexcept>
-
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -2,9 +2,8 @@
 // input, output and error on pipes, for the end-to-end tests.
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 struct CFinished {

@@ -1,21 +1,20 @@
 // Tests of the BMC stand-in that need root: a BMC directory on a small
 // tmpfs, to see the free-space check and a full file system. They skip
 // themselves without root or where tmpfs cannot be mounted.
-#include <cstdlib>
-#include <fstream>
-#include <set>
-#include <string>
-#include <thread>
-#include <chrono>
-
-#include <dirent.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "host/emhost/BmcFileTransfer.h"
 
 #include <gtest/gtest.h>
 
-#include "host/emhost/BmcFileTransfer.h"
+#include <chrono>
+#include <cstdlib>
+#include <dirent.h>
+#include <fstream>
+#include <set>
+#include <string>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 
 namespace {
 

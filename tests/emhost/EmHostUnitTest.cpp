@@ -1,23 +1,6 @@
 // Unit tests of em-host's parts: the stand-in BMC file transfer, the
 // switch's tags and routing, the option parser, the status texts and the
 // SHA-256 wrapper.
-#include <atomic>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <set>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <dirent.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
-
 #include "frame/ExtensionModule.h"
 #include "host/emhost/BmcFileTransfer.h"
 #include "host/emhost/HostSwitch.h"
@@ -25,6 +8,22 @@
 #include "host/emhost/Sha256.h"
 #include "host/emhost/StatusText.h"
 #include "message/SipJson.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -235,12 +234,10 @@ TEST(EmHostBmcCopy, UnreadableSourceIsReported) {
   CTempDir dir;
   CBmcFileTransfer transfer(dir.Path());
   CBmcTransferJob missing;
-  EXPECT_EQ(RunTransfer(transfer, dir.Path() + "/missing", "x", 0, missing),
-            BMC_SOURCE_UNREADABLE);
+  EXPECT_EQ(RunTransfer(transfer, dir.Path() + "/missing", "x", 0, missing), BMC_SOURCE_UNREADABLE);
   ASSERT_EQ(::mkdir((dir.Path() + "/adir").c_str(), 0755), 0);
   CBmcTransferJob directory;
-  EXPECT_EQ(RunTransfer(transfer, dir.Path() + "/adir", "x", 0, directory),
-            BMC_SOURCE_UNREADABLE);
+  EXPECT_EQ(RunTransfer(transfer, dir.Path() + "/adir", "x", 0, directory), BMC_SOURCE_UNREADABLE);
   EXPECT_EQ(Entries(dir.Path()), (std::set<std::string>{"adir"}));
 }
 
@@ -338,9 +335,8 @@ TEST(EmHostSwitch, ReplyWithoutOurTagIsReportedAsTagZero) {
   EXPECT_EQ(hostSwitch.SendReply(&module, stray), 0);
   stray.m_pszExtra = ::strdup("someone-else:3");
   EXPECT_EQ(hostSwitch.SendReply(&module, stray), 0);
-  EXPECT_EQ(listener.m_Replies,
-            (std::vector<std::string>{"0 {\"SIP\":{\"V\":1,\"CMD\":[]}}",
-                                      "0 {\"SIP\":{\"V\":1,\"CMD\":[]}}"}));
+  EXPECT_EQ(listener.m_Replies, (std::vector<std::string>{"0 {\"SIP\":{\"V\":1,\"CMD\":[]}}",
+                                                          "0 {\"SIP\":{\"V\":1,\"CMD\":[]}}"}));
   hostSwitch.SetListener(nullptr);
 }
 
@@ -444,10 +440,9 @@ bool Parse(const std::vector<std::string>& args, CEmHostOptions& out, std::strin
 TEST(EmHostOptions, GlobalOptionsAndCommand) {
   CEmHostOptions o;
   std::string error;
-  ASSERT_TRUE(Parse({"--module", "/m.so", "--tool-root=/opt/k", "--cabinet", "0x10",
-                     "--bmc-dir", "/b", "--trace", "-", "--trace-level", "3",
-                     "--service-type", "2", "--hti", "status:7", "collect", "n.zip",
-                     "--timeout", "9"},
+  ASSERT_TRUE(Parse({"--module", "/m.so", "--tool-root=/opt/k", "--cabinet", "0x10", "--bmc-dir",
+                     "/b", "--trace", "-", "--trace-level", "3", "--service-type", "2", "--hti",
+                     "status:7", "collect", "n.zip", "--timeout", "9"},
                     o, error))
       << error;
   EXPECT_EQ(o.m_Command, EmCommand::kCollect);
@@ -529,7 +524,8 @@ TEST(EmHostOptions, HtiModes) {
 // ----- status texts ------------------------------------------------------------------
 
 TEST(EmHostStatusText, NamesTheStatusAndItsMeaning) {
-  EXPECT_EQ(StatusLine(5, EmJob::kCreate), "status 5: another Korvex collection is already running");
+  EXPECT_EQ(StatusLine(5, EmJob::kCreate),
+            "status 5: another Korvex collection is already running");
   EXPECT_EQ(StatusLine(3, EmJob::kTransfer),
             "status 3: there is no Korvex archive to transfer (create one first)");
   EXPECT_EQ(StatusLine(20, EmJob::kQuery),
