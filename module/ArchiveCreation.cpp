@@ -1,16 +1,15 @@
 // Finding the Korvex tool in the configuration store, removing an old
 // archive, and the archive creation job (opcode 0x3401): run the tool as a
 // child process, wait for it and judge what it left behind.
-#include <sys/stat.h>
-#include <unistd.h>
+#include "frame/Trace.h"
+#include "module/EM_KORVEX.h"
+#include "module/ModuleConstants.h"
 
 #include <cerrno>
 #include <ctime>
 #include <string>
-
-#include "frame/Trace.h"
-#include "module/EM_KORVEX.h"
-#include "module/ModuleConstants.h"
+#include <sys/stat.h>
+#include <unistd.h>
 
 int EM_KORVEX::GetKorvexPath(std::string& root) {
   std::string key;
@@ -67,8 +66,9 @@ int EM_KORVEX::DeleteArchiveFile() {
     return 1;
   }
   const int error = errno;
-  KORVEX_TRACE(1, "\nEM_KORVEX           : ## ERROR! Old Korvex archive file cannot be removed (0x%08X)!",
-               static_cast<unsigned int>(error));
+  KORVEX_TRACE(
+      1, "\nEM_KORVEX           : ## ERROR! Old Korvex archive file cannot be removed (0x%08X)!",
+      static_cast<unsigned int>(error));
   return 0;
 }
 

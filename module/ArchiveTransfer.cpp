@@ -1,14 +1,13 @@
 // The archive transfer job (opcode 0x3402): ask the HTI module, through the
 // switch, to copy the archive into the BMC, and pass its status back.
-#include <sys/stat.h>
-
-#include <string>
-
 #include "frame/Trace.h"
 #include "message/DataStruct.h"
 #include "message/RapidJsonUtil.h"
 #include "module/EM_KORVEX.h"
 #include "module/ModuleConstants.h"
+
+#include <string>
+#include <sys/stat.h>
 
 bool EM_KORVEX::TransferArchiveToBmc(SipJson& request) {
   if (__atomic_load_n(&m_SwitchShutdown, __ATOMIC_RELAXED) != 0) {

@@ -2,14 +2,13 @@
 // setup action and destruction.
 #include "module/EM_KORVEX.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstring>
-
 #include "frame/Trace.h"
 #include "module/ModuleConstants.h"
 #include "util/Directory.h"
+
+#include <cstring>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -167,8 +166,7 @@ unsigned int EM_KORVEX::SetupAction(unsigned int action) {
     } else {
       CPathString archivePath;
       archivePath.Format("%s%s", root.c_str(), korvex::kArchiveName);
-      KORVEX_TRACE(3, "\nEM_KORVEX (SetupAct): Korvex archive path: \"%s\"\n",
-                   archivePath.c_str());
+      KORVEX_TRACE(3, "\nEM_KORVEX (SetupAct): Korvex archive path: \"%s\"\n", archivePath.c_str());
       unlink(archivePath.c_str());  // a missing archive is fine
 
       const char* dataDirectory = DataDirectory();

@@ -4,12 +4,12 @@
 // on the module's own task serializer and answered later through the switch.
 #pragma once
 
-#include <string>
-
 #include "frame/ExtensionModule.h"
 #include "message/SipJson.h"
 #include "tasks/TaskSerializer.h"
 #include "util/SVString.h"
+
+#include <string>
 
 class EM_KORVEX : public CExtensionModule, public CTaskSerializer<SipJson> {
  public:
@@ -55,11 +55,11 @@ class EM_KORVEX : public CExtensionModule, public CTaskSerializer<SipJson> {
   static void SetDataDirectoryForTests(const char* path);
 
   // Own fields, after the two bases, in this order.
-  unsigned int m_Installed;        // 1: Start found the executable; read by ModuleRequest
-  CPathString m_ToolRoot;          // installation root, ends in "/"
-  CPathString m_ExecutablePath;    // m_ToolRoot + "Korvex"
-  CPathString m_ArchivePath;       // m_ToolRoot + "Korvex_Data.zip"
-  unsigned int m_ToolProcessId;    // running tool started by archive creation, 0: none
+  unsigned int m_Installed;      // 1: Start found the executable; read by ModuleRequest
+  CPathString m_ToolRoot;        // installation root, ends in "/"
+  CPathString m_ExecutablePath;  // m_ToolRoot + "Korvex"
+  CPathString m_ArchivePath;     // m_ToolRoot + "Korvex_Data.zip"
+  unsigned int m_ToolProcessId;  // running tool started by archive creation, 0: none
 };
 
 // The one module instance of the library, held as the host sees it.

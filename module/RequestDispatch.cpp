@@ -1,10 +1,10 @@
 // Request dispatch on the switch's thread (ModuleRequest) and the execution
 // of queued requests on the worker thread (OnTaskExecution).
-#include <string>
-
 #include "frame/Trace.h"
 #include "module/EM_KORVEX.h"
 #include "module/ModuleConstants.h"
+
+#include <string>
 
 namespace {
 
@@ -53,7 +53,8 @@ int EM_KORVEX::ModuleRequest(SipJson& request) {
         break;
       case korvex::kOpcodeIsInstalled: {
         const bool installed = __atomic_load_n(&m_Installed, __ATOMIC_RELAXED) != 0;
-        KORVEX_TRACE(2, "\nEM_KORVEX           : -> Korvex is%s installed", installed ? "" : " NOT");
+        KORVEX_TRACE(2, "\nEM_KORVEX           : -> Korvex is%s installed",
+                     installed ? "" : " NOT");
         JsonValue& command = request.GetCmd();
         if (command.IsObject()) {
           request.SetCmdValue(command, "DA", installed ? 1u : 0u, 0);
@@ -93,25 +94,27 @@ void EM_KORVEX::OnTaskExecution(SipJson& task, _TaskPriority /*priority*/) {
   const unsigned int opcode = task.OpCode();
   if (opcode == korvex::kOpcodeCreateArchive) {
     KORVEX_TRACE(3, "\n");
-    KORVEX_TRACE(2,
-                 "\nEM_KORVEX           : Create Korvex archive, may take several minutes (async in "
-                 "TaskSerializer)");
+    KORVEX_TRACE(
+        2,
+        "\nEM_KORVEX           : Create Korvex archive, may take several minutes (async in "
+        "TaskSerializer)");
     StartArchiveCreation(task);
     if (m_pSwitch != nullptr) {
       m_pSwitch->SendReply(this, task);
     }
   } else if (opcode == korvex::kOpcodeTransferArchive) {
     KORVEX_TRACE(3, "\n");
-    KORVEX_TRACE(2,
-                 "\nEM_KORVEX           : Transfer Korvex archive to BMC (async in TaskSerializer)");
+    KORVEX_TRACE(
+        2, "\nEM_KORVEX           : Transfer Korvex archive to BMC (async in TaskSerializer)");
     TransferArchiveToBmc(task);
     if (m_pSwitch != nullptr) {
       m_pSwitch->SendReply(this, task);
     }
   } else {
-    KORVEX_TRACE(1,
-                 "\nEM_KORVEX           : ## ERROR! Unhandled OpCode 0x%04X to be executed in task - "
-                 "fix this!",
-                 opcode);
+    KORVEX_TRACE(
+        1,
+        "\nEM_KORVEX           : ## ERROR! Unhandled OpCode 0x%04X to be executed in task - "
+        "fix this!",
+        opcode);
   }
 }

@@ -1,14 +1,5 @@
 // Unit tests of the two long jobs: archive creation (the Korvex tool run as a
 // child process) and archive transfer to the BMC through the HTI module.
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <ctime>
-#include <cstdlib>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "host/HostControl.h"
 #include "message/SipJson.h"
 #include "module/EM_KORVEX.h"
@@ -16,15 +7,23 @@
 #include "tests/module/ModuleUnitFixture.h"
 #include "tests/support/RecordingSwitch.h"
 
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <thread>
+#include <vector>
+
 using namespace korvex_test;
 
 namespace {
 
 std::vector<CLine> CreateHeadLines(unsigned int timeout, bool oldArchive) {
-  std::vector<CLine> lines = {
-      {3, "\nEM_KORVEX (Create)  : Archive creation request, timeout=" + std::to_string(timeout) +
-              " sec."},
-      {2, "\nEM_KORVEX (Create)  : Start Korvex archive creation..."}};
+  std::vector<CLine> lines = {{3, "\nEM_KORVEX (Create)  : Archive creation request, timeout=" +
+                                      std::to_string(timeout) + " sec."},
+                              {2, "\nEM_KORVEX (Create)  : Start Korvex archive creation..."}};
   if (oldArchive) {
     Append(lines, {{3,
                     "\nEM_KORVEX           :   delete previous Korvex archive (be sure to have the "
@@ -224,7 +223,8 @@ TEST_F(CreationTest, ToolExitingWith1IsReportedAsShutdownTermination) {
 }
 
 TEST_F(CreationTest, ToolExitingWithAnotherCodeIsReportedWithIt) {
-  for (const auto& exitCode : std::vector<std::pair<int, std::string>>{{7, "0x07"}, {200, "0xC8"}}) {
+  for (const auto& exitCode :
+       std::vector<std::pair<int, std::string>>{{7, "0x07"}, {200, "0xC8"}}) {
     WriteTool(m_Dir.Path(), "exit " + std::to_string(exitCode.first));
     ExpectTraceAtEveryLevel(
         [&] { return Run(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"TO":30,"ST":1}]}})"); },
@@ -248,9 +248,8 @@ TEST_F(CreationTest, ToolThatCannotBeRunGives6WithoutFurtherTrace) {
       [&] { return Run(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"TO":30,"ST":1}]}})"); },
       [&] {
         std::vector<CLine> lines = CreateHeadLines(30, false);
-        lines.push_back(
-            {3, "\nEM_KORVEX (Create)  :   create Korvex process, command line: " + Root() +
-                    "Korvex"});
+        lines.push_back({3, "\nEM_KORVEX (Create)  :   create Korvex process, command line: " +
+                                Root() + "Korvex"});
         return lines;
       });
   EXPECT_FALSE(m_Result);
@@ -329,22 +328,20 @@ class TransferTest : public ModuleUnitTest {
 
   std::vector<CLine> Lines(unsigned int received, const std::string& name, unsigned int sent,
                            const std::string& status) const {
-    std::vector<CLine> lines = {
-        {3, "\nEM_KORVEX (Transfer): Transfer archive to BMC, timeout=" + std::to_string(received) +
-                " sec."}};
+    std::vector<CLine> lines = {{3, "\nEM_KORVEX (Transfer): Transfer archive to BMC, timeout=" +
+                                        std::to_string(received) + " sec."}};
     if (!name.empty()) {
       lines.push_back({3, "\nEM_KORVEX (Transfer):   ...BMC local name = \"" + name + "\""});
     }
-    Append(lines,
-           {{3,
-             "\nEM_KORVEX (Transfer): Sending Korvex archive transfer down to HTI module "
-             "(AsyncRequest)..."},
-            {3, "\nEM_KORVEX (Transfer):   local file: " + Archive()},
-            {3, "\nEM_KORVEX (Transfer):   BMC file:   " + name},
-            {3, "\nEM_KORVEX (Transfer):   file type:  2 (Korvex)"},
-            {3, "\nEM_KORVEX (Transfer):   timeout:    " + std::to_string(sent) + " sec."},
-            {3, "\nEM_KORVEX (Transfer): Korvex archive transfer finished, cmd status = " +
-                    status}});
+    Append(lines, {{3,
+                    "\nEM_KORVEX (Transfer): Sending Korvex archive transfer down to HTI module "
+                    "(AsyncRequest)..."},
+                   {3, "\nEM_KORVEX (Transfer):   local file: " + Archive()},
+                   {3, "\nEM_KORVEX (Transfer):   BMC file:   " + name},
+                   {3, "\nEM_KORVEX (Transfer):   file type:  2 (Korvex)"},
+                   {3, "\nEM_KORVEX (Transfer):   timeout:    " + std::to_string(sent) + " sec."},
+                   {3, "\nEM_KORVEX (Transfer): Korvex archive transfer finished, cmd status = " +
+                           status}});
     return lines;
   }
 
@@ -368,9 +365,8 @@ TEST_F(TransferTest, SuccessfulTransferShortensTheTimeoutAndRepliesWithoutData) 
       [&] { return Lines(30, "bmc/file.zip", 29, "0x00"); });
   EXPECT_TRUE(m_Result);
   // "DA" goes; the library's removal moves the last member ("ST") into its place.
-  EXPECT_EQ(
-      R"({"SIP":{"V":1,"CMD":[{"OC":13314,"MI":65538,"CA":4294967295,"TO":30,"ST":0}]}})",
-      m_Json);
+  EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13314,"MI":65538,"CA":4294967295,"TO":30,"ST":0}]}})",
+            m_Json);
   const std::vector<CRecordingSwitch::CCall> sent = m_Switch.AsyncRequests();
   ASSERT_EQ(5u, sent.size());
   for (const CRecordingSwitch::CCall& call : sent) {
@@ -430,9 +426,7 @@ TEST_F(TransferTest, MissingArchiveGives3AndSendsNothing) {
   ASSERT_EQ(0, std::remove(Archive().c_str()));
   AnswerWith(0);
   ExpectTraceAtEveryLevel(
-      [&] {
-        return Run(R"({"SIP":{"V":1,"CMD":[{"OC":13314,"TO":30,"DA":"f.zip","ST":1}]}})");
-      },
+      [&] { return Run(R"({"SIP":{"V":1,"CMD":[{"OC":13314,"TO":30,"DA":"f.zip","ST":1}]}})"); },
       [] {
         return std::vector<CLine>{
             {3, "\nEM_KORVEX (Transfer): Transfer archive to BMC, timeout=30 sec."},
@@ -458,8 +452,7 @@ TEST_F(TransferTest, WithoutSwitchTheStatusIs6FromTheTransferRequest) {
 
 TEST_F(TransferTest, HtiModuleWritingNoStatusGives22) {
   // The recording switch writes nothing into the request by default.
-  const std::string trace =
-      Run(R"({"SIP":{"V":1,"CMD":[{"OC":13314,"TO":30,"DA":"f","ST":1}]}})");
+  const std::string trace = Run(R"({"SIP":{"V":1,"CMD":[{"OC":13314,"TO":30,"DA":"f","ST":1}]}})");
   EXPECT_EQ(TraceUpTo(Lines(30, "f", 29, "0x16"), 5), trace);
   EXPECT_FALSE(m_Result);
   EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13314,"TO":30,"ST":22}]}})", m_Json);

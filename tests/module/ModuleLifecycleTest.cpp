@@ -1,7 +1,12 @@
 // Unit tests of the module's lifecycle: entry points and instance, the
 // properties record, Start and Stop, finding the tool, removing an old
 // archive, and the clean-up setup action.
-#include <sys/stat.h>
+#include "frame/ModuleEntry.h"
+#include "host/HostControl.h"
+#include "module/EM_KORVEX.h"
+#include "tests/module/ModuleTestSupport.h"
+#include "tests/module/ModuleUnitFixture.h"
+#include "tests/support/RecordingSwitch.h"
 
 #include <gtest/gtest.h>
 
@@ -9,14 +14,8 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
-
-#include "frame/ModuleEntry.h"
-#include "host/HostControl.h"
-#include "module/EM_KORVEX.h"
-#include "tests/module/ModuleTestSupport.h"
-#include "tests/module/ModuleUnitFixture.h"
-#include "tests/support/RecordingSwitch.h"
 
 using namespace korvex_test;
 
@@ -271,10 +270,10 @@ TEST_F(ModuleUnitTest, DeleteArchiveFileWithoutArchive) {
         EXPECT_EQ(0, module.DeleteArchiveFile());
         return halvane::TakeTrace();
       },
-                          [] {
-                            return std::vector<CLine>{
-                                {4, "\nEM_KORVEX           :   Korvex archive file not existing"}};
-                          });
+      [] {
+        return std::vector<CLine>{
+            {4, "\nEM_KORVEX           :   Korvex archive file not existing"}};
+      });
 }
 
 TEST_F(ModuleUnitTest, DeleteArchiveFileDeletesAnOldArchive) {
@@ -436,8 +435,10 @@ TEST_F(ModuleUnitTest, StopWithAStaleToolProcessIdStillReturns1) {
             {1, "\n### Stopping module EM_KORVEX ###\n"},
             {4, "\nCTaskSerializer     : TerminateSerialization!"},
             {5, "\nCTaskSerializer     :   terminated"},
-            {1, "\nEM_KORVEX (Stop)    : -> Korvex archive creation in progress - terminate process "
-                "(#" + std::to_string(static_cast<int>(stale)) + ") and wait for exit..."},
+            {1,
+             "\nEM_KORVEX (Stop)    : -> Korvex archive creation in progress - terminate process "
+             "(#" +
+                 std::to_string(static_cast<int>(stale)) + ") and wait for exit..."},
             {1,
              "\n\nEM_KORVEX (Stop)    : ## ERROR! Korvex process could not be terminated (process "
              "not found; already terminated?)!\n"},
@@ -465,14 +466,14 @@ TEST_F(ModuleUnitTest, DirectoryNamedKorvexCountsAsInstalledAndStartsTheWorker) 
   EXPECT_EQ(1, module.Stop());
   const std::string stopped = halvane::TakeTrace();
   EXPECT_TRUE(ContainsInOrder(
-      stopped, {"\n\n" + Rule(), "\n### Stopping module EM_KORVEX ###\n",
-                "\nCTaskSerializer     : TerminateSerialization!",
-                "\nCTaskSerializer     : Disable all Tasks",
-                "\nCTaskSerializer     : All pending tasks removed from queues!",
-                "\nCTaskSerializer     :   terminated",
-                "\nEM_KORVEX (Stop)    : Korvex process not running, can stop module immediately",
-                "\n\n### Stop of module EM_KORVEX completed successfully ###",
-                "\n" + Rule() + "\n"}));
+      stopped,
+      {"\n\n" + Rule(), "\n### Stopping module EM_KORVEX ###\n",
+       "\nCTaskSerializer     : TerminateSerialization!",
+       "\nCTaskSerializer     : Disable all Tasks",
+       "\nCTaskSerializer     : All pending tasks removed from queues!",
+       "\nCTaskSerializer     :   terminated",
+       "\nEM_KORVEX (Stop)    : Korvex process not running, can stop module immediately",
+       "\n\n### Stop of module EM_KORVEX completed successfully ###", "\n" + Rule() + "\n"}));
   EXPECT_EQ(1u, CountOf(stopped, "\nCTaskSerializer     : EXIT THREAD TaskHandler()!"));
 }
 
@@ -573,18 +574,18 @@ TEST_F(ModuleUnitTest, SetupAction4WithoutRootReturns0) {
         EXPECT_EQ(0u, EM_SetupAction(4));
         return halvane::TakeTrace();
       },
-                          [] {
-                            return std::vector<CLine>{
-                                {5, "\nEM_KORVEX           : -> SetupAction"},
-                                {1, "\nEM_KORVEX (SetupAct): ## Cleanup Korvex archives"},
-                                {2,
-                                 "\nEM_KORVEX (GetPath) : ## Korvex pointer key not existing - no "
-                                 "Halvane component installed."},
-                                {1,
-                                 "\nEM_KORVEX (SetupAct): ## ERROR! Korvex path could not be "
-                                 "evaluated!"},
-                                {5, "\nEM_KORVEX           : <- SetupAction"}};
-                          });
+      [] {
+        return std::vector<CLine>{
+            {5, "\nEM_KORVEX           : -> SetupAction"},
+            {1, "\nEM_KORVEX (SetupAct): ## Cleanup Korvex archives"},
+            {2,
+             "\nEM_KORVEX (GetPath) : ## Korvex pointer key not existing - no "
+             "Halvane component installed."},
+            {1,
+             "\nEM_KORVEX (SetupAct): ## ERROR! Korvex path could not be "
+             "evaluated!"},
+            {5, "\nEM_KORVEX           : <- SetupAction"}};
+      });
 }
 
 TEST_F(ModuleUnitTest, SetupAction4RemovingTheDataDirectoryCompletelyReturns0) {
@@ -623,12 +624,12 @@ TEST_F(ModuleUnitTest, SetupAction4LeavingTheDataDirectoryInPlaceReturns1) {
   EXPECT_EQ(1u, EM_SetupAction(4));
   EXPECT_TRUE(Exists(DataDir() + "/.keep"));
   EXPECT_FALSE(Exists(DataDir() + "/b"));
-  EXPECT_TRUE(ContainsInOrder(
-      halvane::TakeTrace(),
-      {"\nCDirectory          : Remove directory \"" + DataDir() + "\"",
-       "\nCDirectory          : Remove file \"" + DataDir() + "/b\" OK!",
-       "\nCDirectory          : Remove directory parent \"" + DataDir() + "/\" OK!",
-       "\nEM_KORVEX           : <- SetupAction"}));
+  EXPECT_TRUE(
+      ContainsInOrder(halvane::TakeTrace(),
+                      {"\nCDirectory          : Remove directory \"" + DataDir() + "\"",
+                       "\nCDirectory          : Remove file \"" + DataDir() + "/b\" OK!",
+                       "\nCDirectory          : Remove directory parent \"" + DataDir() + "/\" OK!",
+                       "\nEM_KORVEX           : <- SetupAction"}));
 }
 
 TEST_F(ModuleUnitTest, SetupAction4WithAFileWhereTheDataDirectoryBelongsReturns1) {

@@ -4,16 +4,7 @@
 // trace comparison helpers.
 #pragma once
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <ftw.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/types.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "host/HostControl.h"
 
 #include <gtest/gtest.h>
 
@@ -21,13 +12,21 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <fstream>
+#include <ftw.h>
+#include <poll.h>
+#include <signal.h>
 #include <sstream>
 #include <string>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
-
-#include "host/HostControl.h"
 
 namespace korvex_test {
 
@@ -80,9 +79,10 @@ class CTempDir {
   }
   ~CTempDir() {
     if (!m_Path.empty()) {
-      nftw(m_Path.c_str(),
-           [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); }, 16,
-           FTW_DEPTH | FTW_PHYS);
+      nftw(
+          m_Path.c_str(),
+          [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); }, 16,
+          FTW_DEPTH | FTW_PHYS);
     }
   }
   CTempDir(const CTempDir&) = delete;

@@ -5,16 +5,16 @@
 // messages and the trace lines every scenario shares.
 #pragma once
 
+#include "host/HostControl.h"
+#include "message/SipJson.h"
+#include "module/EM_KORVEX.h"
+#include "tests/module/ModuleTestSupport.h"
+
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <string>
 #include <vector>
-
-#include "host/HostControl.h"
-#include "message/SipJson.h"
-#include "module/EM_KORVEX.h"
-#include "tests/module/ModuleTestSupport.h"
 
 namespace korvex_test {
 

@@ -3,18 +3,17 @@
 // root in the configuration store and a recording switch.
 #pragma once
 
-#include <dlfcn.h>
-
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "frame/ExtensionModule.h"
 #include "frame/ModuleEntry.h"
 #include "host/HostControl.h"
 #include "message/SipJson.h"
 #include "tests/module/ModuleTestSupport.h"
 #include "tests/support/RecordingSwitch.h"
+
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <string>
 
 #ifndef KORVEX_PLUGIN_PATH
 #error "KORVEX_PLUGIN_PATH must name libEM_KORVEX.so"

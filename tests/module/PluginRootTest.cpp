@@ -2,8 +2,8 @@
 // through the loaded plug-in. Needs root (the directory lives under
 // /var/log); skips itself otherwise. A directory already there is moved
 // aside for the test and put back afterwards, never deleted.
-#include <sys/stat.h>
-#include <unistd.h>
+#include "tests/module/ModuleTestSupport.h"
+#include "tests/module/PluginHost.h"
 
 #include <gtest/gtest.h>
 
@@ -11,9 +11,8 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-
-#include "tests/module/ModuleTestSupport.h"
-#include "tests/module/PluginHost.h"
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace korvex_test;
 

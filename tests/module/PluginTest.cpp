@@ -1,15 +1,15 @@
 // Integration tests: libEM_KORVEX.so loaded with dlopen into a host that
 // provides the host services, driven through its entry points and its
 // virtual interface with a recording switch and fake Korvex tools.
+#include "tests/module/ModuleTestSupport.h"
+#include "tests/module/PluginHost.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include "tests/module/ModuleTestSupport.h"
-#include "tests/module/PluginHost.h"
 
 using namespace korvex_test;
 
@@ -97,22 +97,24 @@ TEST_F(PluginTest, InstallationQueryBeforeAndAfterTheToolExists) {
   std::string json;
   EXPECT_EQ(1, Request(R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":4294967295}]}})", &json));
   EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":4294967295,"ST":0,"DA":0}]}})", json);
-  EXPECT_TRUE(ContainsInOrder(halvane::TakeTrace(),
-                              {"\nEM_KORVEX (Start)   : -> Korvex not installed - module not started!",
-                               "\nEM_KORVEX (REQUEST) : OC 0x3400-0x0000 OID 0x0000 CABID -001 MID "
-                               "0x00000000 Stat 0x16",
-                               "\nEM_KORVEX           : -> Korvex is NOT installed",
-                               "\nEM_KORVEX (RETURN)  : OC 0x3400-0x0000 OID 0x0000 CABID -001 MID "
-                               "0x00000000 Stat 0x00 Data 0"}));
+  EXPECT_TRUE(
+      ContainsInOrder(halvane::TakeTrace(),
+                      {"\nEM_KORVEX (Start)   : -> Korvex not installed - module not started!",
+                       "\nEM_KORVEX (REQUEST) : OC 0x3400-0x0000 OID 0x0000 CABID -001 MID "
+                       "0x00000000 Stat 0x16",
+                       "\nEM_KORVEX           : -> Korvex is NOT installed",
+                       "\nEM_KORVEX (RETURN)  : OC 0x3400-0x0000 OID 0x0000 CABID -001 MID "
+                       "0x00000000 Stat 0x00 Data 0"}));
   EXPECT_EQ(1, Stop());
 
   WriteTool(m_Dir.Path(), "exit 0");
   EXPECT_EQ(1, Start(&m_Switch));
   EXPECT_EQ(1, Request(R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":4294967295}]}})", &json));
   EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":4294967295,"ST":0,"DA":1}]}})", json);
-  EXPECT_TRUE(ContainsInOrder(halvane::TakeTrace(),
-                              {"\nEM_KORVEX (Start)   : -> Korvex is installed - module will be started",
-                               "\nEM_KORVEX           : -> Korvex is installed"}));
+  EXPECT_TRUE(
+      ContainsInOrder(halvane::TakeTrace(),
+                      {"\nEM_KORVEX (Start)   : -> Korvex is installed - module will be started",
+                       "\nEM_KORVEX           : -> Korvex is installed"}));
   EXPECT_EQ(1, Stop());
   EXPECT_TRUE(m_Switch.Replies().empty());  // answered in place, never through SendReply
 }
@@ -176,8 +178,8 @@ TEST_F(PluginTest, ToolWritingTheArchiveGivesStatus0InTheOneReply) {
   WriteTool(m_Dir.Path(), "printf 'zip data' > '" + Archive() + "'\nexit 0");
   ASSERT_EQ(1, Start(&m_Switch));
   std::string json;
-  EXPECT_EQ(1,
-            Request(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"OI":1,"CA":4294967295,"TO":300}]}})", &json));
+  EXPECT_EQ(
+      1, Request(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"OI":1,"CA":4294967295,"TO":300}]}})", &json));
   EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"OI":1,"CA":4294967295,"TO":300,"ST":22}]}})",
             json);
   ASSERT_TRUE(m_Switch.WaitForReplies(1, kReplyWaitMs));
@@ -365,8 +367,9 @@ TEST_F(PluginTest, TwentiethCreationRequestWithAFullQueueGets22AndIsNeverAnswere
   halvane::TakeTrace();
   EXPECT_EQ(1, Request(request(20), &json));
   EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"OI":20,"CA":4294967295,"ST":22}]}})", json);
-  EXPECT_TRUE(ContainsInOrder(halvane::TakeTrace(),
-                              {"\nCTaskSerializer     : ## ERROR! Task queue for priority 0 is full"}));
+  EXPECT_TRUE(
+      ContainsInOrder(halvane::TakeTrace(),
+                      {"\nCTaskSerializer     : ## ERROR! Task queue for priority 0 is full"}));
   ASSERT_TRUE(hold.Release());
   // The running one and the nineteen queued ones are answered, in order.
   ASSERT_TRUE(m_Switch.WaitForReplies(20, kReplyWaitMs));
@@ -390,9 +393,11 @@ TEST_F(PluginTest, TransferRequestAsTheSwitchReceivesItAndTheReply) {
   m_Switch.SetAsyncAnswer([](SipJson& request) { request.SetStatus(0); });
   ASSERT_EQ(1, Start(&m_Switch));
   std::string json;
-  EXPECT_EQ(1, Request(
-                   R"({"SIP":{"V":1,"CMD":[{"OC":13314,"OI":2,"MI":196612,"CA":4294967295,"TO":30,"DA":"bmc.zip"}]}})",
-                   &json));
+  EXPECT_EQ(
+      1,
+      Request(
+          R"({"SIP":{"V":1,"CMD":[{"OC":13314,"OI":2,"MI":196612,"CA":4294967295,"TO":30,"DA":"bmc.zip"}]}})",
+          &json));
   EXPECT_EQ(
       R"({"SIP":{"V":1,"CMD":[{"OC":13314,"OI":2,"MI":196612,"CA":4294967295,"TO":30,"DA":"bmc.zip","ST":22}]}})",
       json);
@@ -433,8 +438,10 @@ TEST_F(PluginTest, TransferNameFromARawByteBlock) {
   WriteTool(m_Dir.Path(), "exit 0");
   m_Switch.SetAsyncAnswer([](SipJson& request) { request.SetStatus(4); });
   ASSERT_EQ(1, Start(&m_Switch));
-  EXPECT_EQ(1, Request(
-                   R"({"SIP":{"V":1,"CMD":[{"OC":13314,"CA":4294967295,"TO":1,"DA":{"RAW":[107,46,122,0,33]}}]}})"));
+  EXPECT_EQ(
+      1,
+      Request(
+          R"({"SIP":{"V":1,"CMD":[{"OC":13314,"CA":4294967295,"TO":1,"DA":{"RAW":[107,46,122,0,33]}}]}})"));
   ASSERT_TRUE(m_Switch.WaitForReplies(1, kReplyWaitMs));
   EXPECT_EQ(1, Stop());
   ASSERT_EQ(1u, m_Switch.AsyncRequests().size());
@@ -454,8 +461,8 @@ TEST_F(PluginTest, TransferWhoseAnswerCarriesNoStatusIsAnsweredWith22) {
   ASSERT_TRUE(m_Switch.WaitForReplies(1, kReplyWaitMs));
   EXPECT_EQ(1, Stop());
   ASSERT_EQ(1u, m_Switch.AsyncRequests().size());
-  EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":61522,"DA":{"FileType":2,"LocalFilePath":")" +
-                Archive() + R"(","BmcFilePath":""}}]}})",
+  EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":61522,"DA":{"FileType":2,"LocalFilePath":")" + Archive() +
+                R"(","BmcFilePath":""}}]}})",
             m_Switch.AsyncRequests()[0].m_Json);
   EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13314,"CA":4294967295,"ST":22}]}})",
             m_Switch.Replies()[0].m_Json);

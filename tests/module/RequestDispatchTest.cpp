@@ -1,5 +1,12 @@
 // Unit tests of request dispatch (ModuleRequest on the switch's thread) and
 // of task execution (OnTaskExecution on the worker thread).
+#include "host/HostControl.h"
+#include "message/SipJson.h"
+#include "module/EM_KORVEX.h"
+#include "tests/module/ModuleTestSupport.h"
+#include "tests/module/ModuleUnitFixture.h"
+#include "tests/support/RecordingSwitch.h"
+
 #include <gtest/gtest.h>
 
 #include <condition_variable>
@@ -7,13 +14,6 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include "host/HostControl.h"
-#include "message/SipJson.h"
-#include "module/EM_KORVEX.h"
-#include "tests/module/ModuleTestSupport.h"
-#include "tests/module/ModuleUnitFixture.h"
-#include "tests/support/RecordingSwitch.h"
 
 using namespace korvex_test;
 
@@ -125,8 +125,7 @@ TEST_F(DispatchTest, InstalledQueryAnswers0WhenNotInstalled) {
   ExpectTraceAtEveryLevel(
       [&] {
         const COutcome outcome = Dispatch(
-            R"({"SIP":{"V":1,"CMD":[{"OC":13312,"OI":4,"MI":131077,"CA":4294967295,"DA":7}]}})",
-            0);
+            R"({"SIP":{"V":1,"CMD":[{"OC":13312,"OI":4,"MI":131077,"CA":4294967295,"DA":7}]}})", 0);
         EXPECT_EQ(1, outcome.m_Result);
         // An existing "DA" is overwritten in place.
         EXPECT_EQ(
@@ -199,8 +198,7 @@ TEST_F(DispatchTest, UnhandledOpcodeOfTheFamilyGets1AndBothTraces) {
         const COutcome outcome =
             Dispatch(R"({"SIP":{"V":1,"CMD":[{"OC":13317,"CA":4294967295,"ST":9}]}})");
         EXPECT_EQ(0, outcome.m_Result);
-        EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13317,"CA":4294967295,"ST":1}]}})",
-                  outcome.m_Json);
+        EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13317,"CA":4294967295,"ST":1}]}})", outcome.m_Json);
         return outcome.m_Trace;
       },
       [] {
@@ -224,9 +222,8 @@ TEST_F(DispatchTest, OpcodeOfAnotherFamilyGets1AndNoTraceAtAll) {
   for (unsigned int opcode : {0x1234u, 0x3410u, 0x33FFu, 0xF052u}) {
     ExpectTraceAtEveryLevel(
         [&] {
-          const COutcome outcome =
-              Dispatch(R"({"SIP":{"V":1,"CMD":[{"OC":)" + std::to_string(opcode) +
-                       R"(,"CA":4294967295}]}})");
+          const COutcome outcome = Dispatch(R"({"SIP":{"V":1,"CMD":[{"OC":)" +
+                                            std::to_string(opcode) + R"(,"CA":4294967295}]}})");
           EXPECT_EQ(0, outcome.m_Result);
           EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":)" + std::to_string(opcode) +
                         R"(,"CA":4294967295,"ST":1}]}})",
@@ -239,8 +236,7 @@ TEST_F(DispatchTest, OpcodeOfAnotherFamilyGets1AndNoTraceAtAll) {
 
 TEST_F(DispatchTest, MissingCurrentCommandIsPaddedAndNotHandled) {
   // Index exactly one beyond the end: a new object carries "ST" 1.
-  COutcome outcome =
-      Dispatch(R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":4294967295}]}})", 1, 1);
+  COutcome outcome = Dispatch(R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":4294967295}]}})", 1, 1);
   EXPECT_EQ(0, outcome.m_Result);
   EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":4294967295},{"ST":1}]}})", outcome.m_Json);
   EXPECT_EQ("", outcome.m_Trace);
@@ -267,9 +263,8 @@ TEST_F(DispatchTest, CreationRequestIsQueuedAndAcknowledgedWith22) {
         const COutcome outcome = Dispatch(
             R"({"SIP":{"V":1,"CMD":[{"OC":13313,"OI":1,"CA":4294967295,"TO":600,"ST":0}]}})");
         EXPECT_EQ(1, outcome.m_Result);
-        EXPECT_EQ(
-            R"({"SIP":{"V":1,"CMD":[{"OC":13313,"OI":1,"CA":4294967295,"TO":600,"ST":22}]}})",
-            outcome.m_Json);
+        EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"OI":1,"CA":4294967295,"TO":600,"ST":22}]}})",
+                  outcome.m_Json);
         return outcome.m_Trace;
       },
       [] {
@@ -500,8 +495,8 @@ TEST_F(DispatchTest, CreationTaskIsAnsweredOnceAfterTheToolEnded) {
   module.m_pSwitch = &recordingSwitch;
   SetPaths(module);
   // The tool leaves a marker behind; the reply must come after it.
-  WriteTool(m_Dir.Path(), "printf zip > '" + Archive() + "'\nprintf ran > '" + Root() +
-                              "ran'\nexit 0");
+  WriteTool(m_Dir.Path(),
+            "printf zip > '" + Archive() + "'\nprintf ran > '" + Root() + "ran'\nexit 0");
   SipJson task;
   Load(task, R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295,"ST":1}]}})");
   halvane::TakeTrace();
@@ -513,8 +508,9 @@ TEST_F(DispatchTest, CreationTaskIsAnsweredOnceAfterTheToolEnded) {
   EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295,"ST":0}]}})", replies[0].m_Json);
   EXPECT_TRUE(ContainsInOrder(
       halvane::TakeTrace(),
-      {"\n", "\nEM_KORVEX           : Create Korvex archive, may take several minutes (async in "
-             "TaskSerializer)",
+      {"\n",
+       "\nEM_KORVEX           : Create Korvex archive, may take several minutes (async in "
+       "TaskSerializer)",
        "\nEM_KORVEX (Create)  : Korvex archive successfully created"}));
 }
 
