@@ -64,6 +64,9 @@ int CServeSession::Run() {
   std::vector<char> buffer(1u << 16);
   bool quit = false;
   while (!quit && m_Signal == 0) {
+    // Acks of the lines read so far go out before the session waits for
+    // more input (see Emit).
+    FlushOutput();
     pollfd fds[2] = {{m_InputFd, POLLIN, 0}, {m_Signals.Fd(), POLLIN, 0}};
     if (::poll(fds, 2, -1) < 0) {
       if (errno == EINTR) continue;
@@ -116,6 +119,7 @@ int CServeSession::Run() {
 }
 
 void CServeSession::Finish() {
+  FlushOutput();
   // Nothing is waited for any more; a reply that the worker still sends
   // while it is being stopped is written like any other.
   m_Instance.StopAndDelete();
@@ -199,7 +203,7 @@ CServeSession::LineResult CServeSession::HandleRequest(JsonValue& line, const st
     EmitError("the module threw while taking the request: " +
               ExceptionText(std::current_exception()));
   }
-  if (!ack.empty()) Emit(ack);
+  if (!ack.empty()) Emit(ack, false);
   {
     // Only now may the request's reply be written: it follows its ack.
     std::lock_guard<std::mutex> lock(m_StateMutex);
@@ -212,6 +216,9 @@ CServeSession::LineResult CServeSession::HandleRequest(JsonValue& line, const st
 
 CServeSession::LineResult CServeSession::HandleControl(const JsonValue& line,
                                                        const std::string& id) {
+  // A control may block (stop, wait) or end the session: whatever happened
+  // before it is out first.
+  FlushOutput();
   const JsonValue& control = line["control"];
   if (!control.IsString()) {
     EmitError("\"control\" must be a string");
@@ -337,15 +344,30 @@ void CServeSession::OnTransfer(SipJson& request) {
   Emit("{\"event\":\"transfer\",\"message\":" + request.ToJson() + "}");
 }
 
-void CServeSession::Emit(const std::string& line) {
+void CServeSession::Emit(const std::string& line, bool flushNow) {
   std::lock_guard<std::mutex> lock(m_OutputMutex);
   if (m_OutputBroken) return;
   if (std::fwrite(line.data(), 1, line.size(), m_Output) != line.size() ||
-      std::fputc('\n', m_Output) == EOF || std::fflush(m_Output) != 0) {
+      std::fputc('\n', m_Output) == EOF) {
     // The reader has gone (EPIPE): the session still runs to its end so
     // that the module is stopped properly.
     m_OutputBroken = true;
+    return;
   }
+  if (!flushNow) {
+    m_FlushPending = true;
+    return;
+  }
+  // Everything written before this line goes out with it, in order.
+  m_FlushPending = false;
+  if (std::fflush(m_Output) != 0) m_OutputBroken = true;
+}
+
+void CServeSession::FlushOutput() {
+  std::lock_guard<std::mutex> lock(m_OutputMutex);
+  if (m_OutputBroken || !m_FlushPending) return;
+  m_FlushPending = false;
+  if (std::fflush(m_Output) != 0) m_OutputBroken = true;
 }
 
 void CServeSession::EmitError(const std::string& text) {

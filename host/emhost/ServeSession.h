@@ -4,7 +4,8 @@
 //   {"id":ANY,"request":SIP-MESSAGE,"index":N}       a request to the module
 //   {"id":ANY,"control":NAME,...}                     start, stop, notify ("code"),
 //       cabinet ("nr"), setup ("action"), wait ("timeout_ms"), quit
-// Output, one JSON object per line, written and flushed as it happens:
+// Output, one JSON object per line, written as it happens, in order, and
+// flushed before the session waits for anything (see Emit):
 //   {"id":...,"event":"ack","result":N,"message":...}   ModuleRequest returned
 //   {"id":...,"event":"reply","message":...}            SendReply
 //   {"event":"transfer","message":...}                  a 0xF052 request reached the BMC stand-in
@@ -64,7 +65,15 @@ class CServeSession : public CISwitchListener {
   // Waits up to timeoutMs until every request acknowledged with 22 has
   // its reply: 1 when they have, 0 on time-out, -signo on a signal.
   int WaitForReplies(unsigned int timeoutMs);
-  void Emit(const std::string& line);
+  // Writes one event line and flushes it together with everything written
+  // before it. flushNow false (acks only, on the main thread) leaves the
+  // line in the output buffer while further input lines are already at
+  // hand: the main thread flushes before it waits for input, before every
+  // control and at the end, and the buffer goes out by itself whenever it
+  // fills. Replies and transfers come from the module's worker and are
+  // always flushed at once, which also flushes any ack before them.
+  void Emit(const std::string& line, bool flushNow = true);
+  void FlushOutput();
   void EmitError(const std::string& text);
   void Finish();
 
@@ -80,6 +89,7 @@ class CServeSession : public CISwitchListener {
 
   std::mutex m_OutputMutex;
   bool m_OutputBroken = false;
+  bool m_FlushPending = false;  // lines written but not yet flushed
 
   std::mutex m_StateMutex;
   std::condition_variable m_Acknowledged;
