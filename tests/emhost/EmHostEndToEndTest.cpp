@@ -891,3 +891,35 @@ TEST_F(EmHostEndToEnd, InstalledTreeFindsItsModule) {
                 "0x00\n"
                 "tool root:   not configured\n");
 }
+
+// ----- serve: output reaches the reader while the input stays open ---------------
+
+// Acks of lines that were read together may go out in one flush, but never
+// wait for more input; the worker's reply goes out as soon as it is sent.
+// The input is kept open throughout, so a line held back in em-host's
+// buffer would never arrive.
+TEST_F(EmHostEndToEnd, ServeAcksAndRepliesArriveWhileTheInputStaysOpen) {
+  Tool(kToolWritesArchive);
+  CChildProcess host(Args({"serve"}));
+  host.Write(RequestLine("1", kQuery) + RequestLine("2", kCreate));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (std::count(host.Out().begin(), host.Out().end(), '\n') < 3 &&
+         std::chrono::steady_clock::now() < deadline) {
+    host.Pump(50);
+  }
+  EXPECT_EQ(Lines(host.Out()),
+            (std::vector<std::string>{Ack("1", 1, kQueryInstalled), Ack("2", 1, CreateStatus(22)),
+                                      Reply("2", CreateStatus(0))}));
+  host.Write(RequestLine("3", kQuery));
+  const auto again = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (std::count(host.Out().begin(), host.Out().end(), '\n') < 4 &&
+         std::chrono::steady_clock::now() < again) {
+    host.Pump(50);
+  }
+  const std::vector<std::string> lines = Lines(host.Out());
+  ASSERT_EQ(lines.size(), 4u) << host.Out();
+  EXPECT_EQ(lines[3], Ack("3", 1, kQueryInstalled));
+  const CFinished finished = host.Finish();
+  EXPECT_EQ(finished.m_Exit, 0) << finished.m_Err;
+  EXPECT_EQ(finished.m_Err, "");
+}
