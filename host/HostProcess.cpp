@@ -250,9 +250,10 @@ bool ValidPid(unsigned int processId) {
   return processId > 1 && processId <= static_cast<unsigned int>(INT_MAX);
 }
 
-// Reads a small /proc file whole; empty on any error.
-std::string ReadSmallFile(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+// Reads a small /proc file whole, by its path below the /proc directory
+// (procFd); empty on any error.
+std::string ReadSmallFile(int procFd, const std::string& relativePath) {
+  const int fd = ::openat(procFd, relativePath.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::string();
   std::string text;
   char buffer[512];
@@ -270,25 +271,52 @@ std::string ReadSmallFile(const std::string& path) {
 // The kernel keeps at most 15 characters of a process name in comm.
 constexpr std::size_t kCommLength = 15;
 
-bool ProcessMatches(const char* pidText, const char* name) {
-  const std::string base = std::string("/proc/") + pidText;
-  std::string comm = ReadSmallFile(base + "/comm");
-  if (!comm.empty() && comm.back() == '\n') comm.pop_back();
+// The name (comm) of the process pidText, without its line break; false
+// when the process is gone or its name cannot be read. The search visits
+// every process on the machine and this is all it reads of most of them, so
+// it costs three system calls and no heap: openat below /proc (no walk from
+// the root), one read, close. The kernel hands comm over whole (at most 15
+// characters and a line break) in the first read; a second read would only
+// confirm the end.
+bool ReadComm(int procFd, const char* pidText, char (&comm)[64]) {
+  char path[32];
+  const std::size_t digits = std::strlen(pidText);
+  static const char kLeaf[] = "/comm";
+  if (digits + sizeof(kLeaf) > sizeof(path)) return false;
+  std::memcpy(path, pidText, digits);
+  std::memcpy(path + digits, kLeaf, sizeof(kLeaf));
+  const int fd = ::openat(procFd, path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  ssize_t got;
+  do {
+    got = ::read(fd, comm, sizeof(comm) - 1);
+  } while (got < 0 && errno == EINTR);
+  ::close(fd);
+  if (got <= 0) return false;
+  std::size_t length = static_cast<std::size_t>(got);
+  if (comm[length - 1] == '\n') --length;
+  comm[length] = '\0';
+  return true;
+}
+
+bool ProcessMatches(int procFd, const char* pidText, const char* name) {
+  char comm[64];
+  if (!ReadComm(procFd, pidText, comm)) return false;
   const std::size_t nameLength = std::strlen(name);
   if (nameLength < kCommLength) {
-    if (comm != name) return false;
+    if (std::strcmp(comm, name) != 0) return false;
   } else {
     // comm may be a longer name cut to 15 characters: the first word of the
     // command line must then name the program in full.
-    if (comm != std::string(name, kCommLength)) return false;
-    const std::string commandLine = ReadSmallFile(base + "/cmdline");
+    if (std::strlen(comm) != kCommLength || std::memcmp(comm, name, kCommLength) != 0) return false;
+    const std::string commandLine = ReadSmallFile(procFd, std::string(pidText) + "/cmdline");
     const std::string first = commandLine.substr(0, commandLine.find('\0'));
     const std::size_t slash = first.rfind('/');
     if ((slash == std::string::npos ? first : first.substr(slash + 1)) != name) return false;
   }
   // Zombies have ended: only a running process counts. The state follows
   // the last ')' in stat (the name itself may hold parentheses).
-  const std::string stat = ReadSmallFile(base + "/stat");
+  const std::string stat = ReadSmallFile(procFd, std::string(pidText) + "/stat");
   const std::size_t close = stat.rfind(')');
   if (close == std::string::npos || close + 2 >= stat.size()) return false;
   const char state = stat[close + 2];
@@ -367,6 +395,7 @@ bool CProcess::FindProcess(unsigned int& processId, const char* processName) {
   if (processName == nullptr || *processName == '\0') return false;
   DIR* const proc = ::opendir("/proc");  // opened close-on-exec by the C library
   if (proc == nullptr) return false;
+  const int procFd = ::dirfd(proc);
   bool found = false;
   while (const dirent* item = ::readdir(proc)) {
     const char* name = item->d_name;
@@ -374,7 +403,7 @@ bool CProcess::FindProcess(unsigned int& processId, const char* processName) {
     char* end = nullptr;
     const unsigned long pid = std::strtoul(name, &end, 10);
     if (*end != '\0' || pid > static_cast<unsigned long>(INT_MAX)) continue;
-    if (ProcessMatches(name, processName)) {
+    if (ProcessMatches(procFd, name, processName)) {
       processId = static_cast<unsigned int>(pid);
       found = true;
       break;
