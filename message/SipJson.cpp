@@ -29,9 +29,41 @@ unsigned int Low32(const JsonValue& value, unsigned int fallback) {
   return fallback;
 }
 
+// The first member of object (which must be an object) whose name has
+// exactly these length bytes, or MemberEnd(): the library's FindMember
+// rule. Done here rather than by the library, which builds a name value,
+// asserts on every member it passes and calls memcmp for every name of the
+// same length - and every header key has two letters. These lookups were
+// most of what a request cost the module.
+template <class Value>
+auto FindKey(Value& object, const char* name, std::size_t length) -> decltype(object.MemberBegin()) {
+  auto member = object.MemberBegin();
+  const auto end = object.MemberEnd();
+  for (; member != end; ++member) {
+    const JsonValue& key = member->name;
+    if (key.GetStringLength() != length) continue;
+    const char* text = key.GetString();
+    std::size_t i = 0;
+    while (i < length && text[i] == name[i]) ++i;
+    if (i == length) break;
+  }
+  return member;
+}
+
+template <class Value>
+auto FindKey(Value& object, const char* name) -> decltype(object.MemberBegin()) {
+  return FindKey(object, name, std::strlen(name));
+}
+
+// The same for the model's own key literals, whose length is known.
+template <class Value, std::size_t N>
+auto FindConstKey(Value& object, const char (&name)[N]) -> decltype(object.MemberBegin()) {
+  return FindKey(object, name, N - 1);
+}
+
 // The "RAW" member of a "DA" object when it is an array, else null.
 const JsonValue* RawArray(const JsonValue& data) {
-  JsonValue::ConstMemberIterator raw = data.FindMember(SipJson::kKeyRaw);
+  JsonValue::ConstMemberIterator raw = FindConstKey(data, SipJson::kKeyRaw);
   if (raw == data.MemberEnd() || !raw->value.IsArray()) {
     return nullptr;
   }
@@ -98,11 +130,11 @@ const JsonValue* SipJson::FindCmdMember(int index, const char* name) const {
   if (name == nullptr || index < 0 || !m_Document.IsObject()) {
     return nullptr;
   }
-  JsonValue::ConstMemberIterator sip = m_Document.FindMember(kKeySip);
+  JsonValue::ConstMemberIterator sip = FindConstKey(m_Document, kKeySip);
   if (sip == m_Document.MemberEnd() || !sip->value.IsObject()) {
     return nullptr;
   }
-  JsonValue::ConstMemberIterator cmd = sip->value.FindMember(kKeyCmd);
+  JsonValue::ConstMemberIterator cmd = FindConstKey(sip->value, kKeyCmd);
   if (cmd == sip->value.MemberEnd() || !cmd->value.IsArray() ||
       static_cast<rapidjson::SizeType>(index) >= cmd->value.Size()) {
     return nullptr;
@@ -111,7 +143,7 @@ const JsonValue* SipJson::FindCmdMember(int index, const char* name) const {
   if (!command.IsObject()) {
     return nullptr;
   }
-  JsonValue::ConstMemberIterator member = command.FindMember(name);
+  JsonValue::ConstMemberIterator member = FindKey(command, name);
   if (member == command.MemberEnd()) {
     return nullptr;
   }
@@ -143,11 +175,11 @@ JsonValue* SipJson::PadToCurrentCmd() {
   if (m_CmdIndex < 0 || m_CmdIndex >= kMaxPaddedCommands || !m_Document.IsObject()) {
     return nullptr;
   }
-  JsonValue::MemberIterator sip = m_Document.FindMember(kKeySip);
+  JsonValue::MemberIterator sip = FindConstKey(m_Document, kKeySip);
   if (sip == m_Document.MemberEnd() || !sip->value.IsObject()) {
     return nullptr;
   }
-  JsonValue::MemberIterator cmd = sip->value.FindMember(kKeyCmd);
+  JsonValue::MemberIterator cmd = FindConstKey(sip->value, kKeyCmd);
   if (cmd == sip->value.MemberEnd() || !cmd->value.IsArray()) {
     return nullptr;
   }
@@ -170,7 +202,7 @@ void SipJson::SetStatus(unsigned int status) {
     return;
   }
   JsonValue value(status);
-  JsonValue::MemberIterator member = command->FindMember(kKeyStatus);
+  JsonValue::MemberIterator member = FindConstKey(*command, kKeyStatus);
   if (member != command->MemberEnd()) {
     member->value.Swap(value);
   } else {
@@ -193,11 +225,14 @@ int SipJson::SetCmdValue(JsonValue& cmd, const char* name, unsigned int value, i
   }
   if (value == 0 && omitWhenZero != 0) {
     // The library's removal moves the last member into the gap.
-    cmd.RemoveMember(name);
+    const JsonValue::MemberIterator member = FindKey(cmd, name);
+    if (member != cmd.MemberEnd()) {
+      cmd.RemoveMember(member);
+    }
     return 1;
   }
   JsonValue number(value);
-  JsonValue::MemberIterator member = cmd.FindMember(name);
+  JsonValue::MemberIterator member = FindKey(cmd, name);
   if (member != cmd.MemberEnd()) {
     member->value.Swap(number);
   } else {
