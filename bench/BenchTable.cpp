@@ -1,0 +1,271 @@
+// korvex_bench_table: reads the JSON that korvex_bench wrote
+// (--benchmark_out) and prints the one table of bench/run as Markdown: per
+// figure the measured value, its reference from the same run, the ratio and
+// the target, and whether the target was met.
+//
+// Usage: korvex_bench_table RESULTS.json
+#include <rapidjson/document.h>
+#include <rapidjson/istreamwrapper.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct CRow {
+  std::string m_Figure;
+  std::string m_Measured;
+  std::string m_Reference;
+  std::string m_Ratio;
+  std::string m_Target;
+  std::string m_Verdict;
+};
+
+class CResults {
+ public:
+  explicit CResults(const rapidjson::Document& document) : m_Document(document) {}
+
+  // The run named `name` (also "name/iterations:1/real_time" and the like);
+  // null when it is missing or ended in an error.
+  const rapidjson::Value* Find(const std::string& name) const {
+    const rapidjson::Value::ConstMemberIterator list = m_Document.FindMember("benchmarks");
+    if (list == m_Document.MemberEnd() || !list->value.IsArray()) return nullptr;
+    for (const rapidjson::Value& run : list->value.GetArray()) {
+      if (!run.IsObject() || !run.HasMember("name") || !run["name"].IsString()) continue;
+      const std::string runName = run["name"].GetString();
+      if (runName != name && runName.compare(0, name.size() + 1, name + "/") != 0) continue;
+      if (run.HasMember("error_occurred") && run["error_occurred"].IsBool() &&
+          run["error_occurred"].GetBool()) {
+        return nullptr;
+      }
+      return &run;
+    }
+    return nullptr;
+  }
+
+  // A counter (or any number field) of a run; NaN when absent.
+  double Number(const std::string& name, const char* field) const {
+    const rapidjson::Value* run = Find(name);
+    if (run == nullptr || !run->HasMember(field) || !(*run)[field].IsNumber()) return NAN;
+    return (*run)[field].GetDouble();
+  }
+
+  // Wall ("real_time") or thread CPU ("cpu_time") time per iteration in
+  // nanoseconds; NaN when absent.
+  double TimeNs(const std::string& name, const char* which = "real_time") const {
+    const rapidjson::Value* run = Find(name);
+    if (run == nullptr || !run->HasMember(which) || !(*run)[which].IsNumber()) {
+      return NAN;
+    }
+    double value = (*run)[which].GetDouble();
+    const std::string unit =
+        run->HasMember("time_unit") && (*run)["time_unit"].IsString() ? (*run)["time_unit"].GetString() : "ns";
+    if (unit == "us") value *= 1e3;
+    if (unit == "ms") value *= 1e6;
+    if (unit == "s") value *= 1e9;
+    return value;
+  }
+
+  // The error message of a failed run, or "".
+  std::string Error(const std::string& name) const {
+    const rapidjson::Value::ConstMemberIterator list = m_Document.FindMember("benchmarks");
+    if (list == m_Document.MemberEnd() || !list->value.IsArray()) return "";
+    for (const rapidjson::Value& run : list->value.GetArray()) {
+      if (!run.IsObject() || !run.HasMember("name") || !run["name"].IsString()) continue;
+      const std::string runName = run["name"].GetString();
+      if (runName != name && runName.compare(0, name.size() + 1, name + "/") != 0) continue;
+      if (run.HasMember("error_message") && run["error_message"].IsString()) {
+        return run["error_message"].GetString();
+      }
+    }
+    return "";
+  }
+
+ private:
+  const rapidjson::Document& m_Document;
+};
+
+std::string Format(double value, const char* unit, int decimals = 1) {
+  if (std::isnan(value)) return "n/a";
+  char text[64];
+  std::snprintf(text, sizeof(text), "%.*f %s", decimals, value, unit);
+  return text;
+}
+
+// 123456.7 -> "123,457"
+std::string Grouped(double value, const char* unit) {
+  if (std::isnan(value)) return "n/a";
+  std::string digits = std::to_string(static_cast<long long>(std::llround(value)));
+  for (int at = static_cast<int>(digits.size()) - 3; at > 0; at -= 3) {
+    digits.insert(static_cast<std::size_t>(at), ",");
+  }
+  return digits + " " + unit;
+}
+
+std::string Ratio(double measured, double reference) {
+  if (std::isnan(measured) || std::isnan(reference) || reference == 0.0) return "n/a";
+  char text[32];
+  std::snprintf(text, sizeof(text), "%.2f", measured / reference);
+  return text;
+}
+
+std::string Verdict(double value, bool atMost, double target) {
+  if (std::isnan(value)) return "not measured";
+  return (atMost ? value <= target : value >= target) ? "met" : "**missed**";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fprintf(stderr, "usage: korvex_bench_table RESULTS.json\n");
+    return 2;
+  }
+  std::ifstream in(argv[1]);
+  if (!in) {
+    std::fprintf(stderr, "korvex_bench_table: cannot read %s\n", argv[1]);
+    return 2;
+  }
+  rapidjson::IStreamWrapper stream(in);
+  rapidjson::Document document;
+  document.ParseStream(stream);
+  if (document.HasParseError() || !document.IsObject()) {
+    std::fprintf(stderr, "korvex_bench_table: %s is not Google Benchmark JSON\n", argv[1]);
+    return 2;
+  }
+  const CResults r(document);
+  std::vector<CRow> rows;
+
+  // 1. ModuleRequest, installation query, tracing off. The time is the
+  // calling thread's CPU time (what the request costs the host's thread);
+  // the wall time, which a busy machine stretches, follows in brackets.
+  const double queryOff = r.TimeNs("BM_Query_TraceOff", "cpu_time");
+  const double queryFresh = r.TimeNs("BM_Query_FreshMessage", "cpu_time");
+  const double base = r.TimeNs("BM_BaseModuleRequest", "cpu_time");
+  const auto withWall = [&](double cpu, const char* name) {
+    return Format(cpu, "ns") + " (wall " + Format(r.TimeNs(name), "ns") + ")";
+  };
+  rows.push_back({"1 ModuleRequest 0x3400, trace off, per request",
+                  withWall(queryOff, "BM_Query_TraceOff"),
+                  "base-class ModuleRequest: " + Format(base, "ns"), Ratio(queryOff, base),
+                  "<= 1 µs", Verdict(queryOff, true, 1000.0)});
+  rows.push_back({"1 (same, a fresh request message each time)",
+                  withWall(queryFresh, "BM_Query_FreshMessage"),
+                  "base-class ModuleRequest: " + Format(base, "ns"), Ratio(queryFresh, base),
+                  "<= 1 µs", Verdict(queryFresh, true, 1000.0)});
+
+  // 2. Queue round trip.
+  const double rtMedian = r.Number("BM_QueueRoundTrip", "median_us");
+  const double rtP99 = r.Number("BM_QueueRoundTrip", "p99_us");
+  const double insert = r.Number("BM_QueueRoundTrip", "insert_median_us");
+  const double handMedian = r.Number("BM_EventHandOver", "median_us");
+  const double handP99 = r.Number("BM_EventHandOver", "p99_us");
+  const double copyUs = r.Number("BM_TaskCopy", "copy_median_ns") / 1000.0;
+  rows.push_back({"2 Queue round trip, InsertTask to OnTaskExecution, median",
+                  Format(rtMedian, "µs"), "bare event hand-over: " + Format(handMedian, "µs"),
+                  Ratio(rtMedian, handMedian), "<= 50 µs", Verdict(rtMedian, true, 50.0)});
+  rows.push_back({"2 (same, 99th percentile)", Format(rtP99, "µs"),
+                  "bare event hand-over: " + Format(handP99, "µs"), Ratio(rtP99, handP99), "-",
+                  "-"});
+  rows.push_back({"2 deep copy of the request (share of the median round trip)",
+                  Format(copyUs, "µs", 2), "round trip: " + Format(rtMedian, "µs"),
+                  std::isnan(copyUs) || std::isnan(rtMedian)
+                      ? "n/a"
+                      : Format(100.0 * copyUs / rtMedian, "%"),
+                  "shown", "-"});
+  rows.push_back({"2 InsertTask call on the caller's thread, median", Format(insert, "µs", 2),
+                  "round trip: " + Format(rtMedian, "µs"), Ratio(insert, rtMedian), "-", "-"});
+
+  // 3. Archive creation.
+  const double moduleMedian = r.Number("BM_ArchiveCreation", "module_median_us");
+  const double bareMedian = r.Number("BM_ArchiveCreation", "bare_median_us");
+  const double moduleP99 = r.Number("BM_ArchiveCreation", "module_p99_us");
+  const double bareP99 = r.Number("BM_ArchiveCreation", "bare_p99_us");
+  const double exitMedian = r.Number("BM_ArchiveCreation", "exit_to_reply_median_us");
+  const double exitP99 = r.Number("BM_ArchiveCreation", "exit_to_reply_p99_us");
+  const double ratio3 = moduleMedian / bareMedian;
+  rows.push_back({"3 Archive creation, ModuleRequest to SendReply, median",
+                  Format(moduleMedian, "µs"), "bare posix_spawn+waitpid: " + Format(bareMedian, "µs"),
+                  Ratio(moduleMedian, bareMedian), "ratio <= 1.5", Verdict(ratio3, true, 1.5)});
+  rows.push_back({"3 (same, 99th percentile)", Format(moduleP99, "µs"),
+                  "bare posix_spawn+waitpid: " + Format(bareP99, "µs"), Ratio(moduleP99, bareP99),
+                  "-", "-"});
+  rows.push_back({"3 tool exit to SendReply, 99th percentile", Format(exitP99, "µs"),
+                  "median: " + Format(exitMedian, "µs"), Ratio(exitP99, exitMedian), "<= 1 ms",
+                  Verdict(exitP99, true, 1000.0)});
+  const double stepFind = r.Number("BM_ArchiveSteps", "find_median_us");
+  const double stepProcesses = r.Number("BM_ArchiveSteps", "processes");
+  const double stepExecute = r.Number("BM_ArchiveSteps", "execute_median_us");
+  const double stepBare = r.Number("BM_ArchiveSteps", "bare_median_us");
+  const double stepDelete = r.Number("BM_ArchiveSteps", "delete_median_us");
+  rows.push_back({"3 step: search for a running Korvex (FindProcess), median",
+                  Format(stepFind, "µs") + " over " + Format(stepProcesses, "processes", 0),
+                  "bare posix_spawn+waitpid: " + Format(stepBare, "µs"), Ratio(stepFind, stepBare),
+                  "-", "-"});
+  rows.push_back({"3 step: the tool run through CProcess::ExecuteCmd, median",
+                  Format(stepExecute, "µs"), "bare posix_spawn+waitpid: " + Format(stepBare, "µs"),
+                  Ratio(stepExecute, stepBare), "-", "-"});
+  rows.push_back({"3 step: deletion of the previous archive (stat, unlink), median",
+                  Format(stepDelete, "µs"), "bare posix_spawn+waitpid: " + Format(stepBare, "µs"),
+                  Ratio(stepDelete, stepBare), "-", "-"});
+
+  // 4. em-host serve throughput.
+  const double serve = r.Number("BM_ServeThroughput", "requests_per_s");
+  const double cat = r.Number("BM_ServeThroughput", "cat_lines_per_s");
+  rows.push_back({"4 em-host serve, installation queries, lines in to lines out",
+                  Grouped(serve, "req/s"), "cat through the same pipes: " + Grouped(cat, "lines/s"),
+                  Ratio(serve, cat), ">= 100,000 req/s", Verdict(serve, false, 100000.0)});
+
+  // 5. Tracing (thread CPU time, as figure 1).
+  const double traceFile = r.TimeNs("BM_Query_TraceFile5", "cpu_time");
+  const double traceLevel1 = r.TimeNs("BM_Query_TraceOnLevel1", "cpu_time");
+  rows.push_back({"5 ModuleRequest 0x3400, tracing on to a file at level 5",
+                  withWall(traceFile, "BM_Query_TraceFile5"), "trace off: " + Format(queryOff, "ns"),
+                  Ratio(traceFile, queryOff), "none set", "-"});
+  rows.push_back({"5 (trace switch on, host level 1: every line filtered)",
+                  withWall(traceLevel1, "BM_Query_TraceOnLevel1"),
+                  "trace off: " + Format(queryOff, "ns"), Ratio(traceLevel1, queryOff), "none set",
+                  "-"});
+
+  // 6. Memory.
+  const double taskBytes = r.Number("BM_QueuedTaskBytes", "bytes_per_task");
+  const double taskBlocks = r.Number("BM_QueuedTaskBytes", "blocks_per_task");
+  const double messageBytes = r.Number("BM_QueuedTaskBytes", "message_bytes");
+  const double messageBlocks = r.Number("BM_QueuedTaskBytes", "message_blocks");
+  rows.push_back({"6 Heap per queued task (usable bytes, blocks)",
+                  Format(taskBytes, "B", 0) + ", " + Format(taskBlocks, "blocks", 0),
+                  "the request message itself: " + Format(messageBytes, "B", 0) + ", " +
+                      Format(messageBlocks, "blocks", 0),
+                  Ratio(taskBytes, messageBytes), "none set", "-"});
+  const double idleHwm = r.Number("BM_ServePeakRss", "idle_hwm_kb");
+  const double queuedHwm = r.Number("BM_ServePeakRss", "queued_hwm_kb");
+  rows.push_back({"6 em-host serve peak RSS (VmHWM), 19 tasks queued", Format(queuedHwm, "KiB", 0),
+                  "same session idle: " + Format(idleHwm, "KiB", 0), Ratio(queuedHwm, idleHwm),
+                  "none set", "-"});
+
+  std::printf("| Figure | Measured | Reference (same run) | Ratio | Target | Result |\n");
+  std::printf("|---|---|---|---|---|---|\n");
+  for (const CRow& row : rows) {
+    std::printf("| %s | %s | %s | %s | %s | %s |\n", row.m_Figure.c_str(), row.m_Measured.c_str(),
+                row.m_Reference.c_str(), row.m_Ratio.c_str(), row.m_Target.c_str(),
+                row.m_Verdict.c_str());
+  }
+
+  int failed = 0;
+  for (const char* name :
+       {"BM_Query_TraceOff", "BM_BaseModuleRequest", "BM_Query_FreshMessage", "BM_Query_TraceFile5",
+        "BM_Query_TraceOnLevel1", "BM_QueueRoundTrip", "BM_EventHandOver", "BM_TaskCopy",
+        "BM_QueuedTaskBytes", "BM_ArchiveSteps", "BM_ArchiveCreation", "BM_ServeThroughput",
+        "BM_ServePeakRss"}) {
+    const std::string error = r.Error(name);
+    if (!error.empty()) {
+      std::printf("\n%s failed: %s", name, error.c_str());
+      ++failed;
+    }
+  }
+  if (failed != 0) std::printf("\n");
+  return failed != 0 ? 1 : 0;
+}

@@ -1,0 +1,178 @@
+// Figure 4: em-host serve's throughput for installation queries, lines in to
+// lines out, through pipes; the reference is cat passing the same lines
+// through the same kind of pipes (the most any lines-in, lines-out program
+// can do here).
+// Figure 6 (second half): em-host serve's peak resident size (VmHWM) with 19
+// creation tasks queued behind a tool that blocks, against the same session
+// idle.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <benchmark/benchmark.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/BenchSupport.h"
+
+namespace kb = korvex_bench;
+
+namespace {
+
+std::string QueryLine(long id) {
+  return "{\"id\":" + std::to_string(id) + ",\"request\":" + kb::RequestText(kb::kOpcodeQuery) +
+         "}\n";
+}
+
+std::string CreateLine(long id) {
+  return "{\"id\":" + std::to_string(id) + ",\"request\":" + kb::RequestText(kb::kOpcodeCreate) +
+         "}\n";
+}
+
+long Count(const std::string& text, const std::string& what) {
+  long count = 0;
+  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+// Pushes `input` (lines) through child and reads as many lines back; the
+// wall time from the first byte written to the last line read.
+bool Pump(kb::CChild& child, const std::string& input, long lines, std::string& output,
+          double& seconds) {
+  bool written = true;
+  const std::int64_t t0 = kb::NowNs();
+  std::thread writer([&] { written = child.Write(input); });
+  const bool read = child.ReadLines(lines, 300000, &output);
+  const std::int64_t t1 = kb::NowNs();
+  writer.join();
+  seconds = static_cast<double>(t1 - t0) / 1e9;
+  return written && read;
+}
+
+std::vector<std::string> EmHostServe(const kb::CScratchDir& dir) {
+  return {kb::EmHostPath(), "--tool-root", dir.Path(), "--bmc-dir", dir.Path() + "/bmc", "serve"};
+}
+
+void BM_ServeThroughput(benchmark::State& state) {
+  const long lines = kb::EnvNumber("KORVEX_BENCH_SERVE_LINES", 200000);
+  kb::CScratchDir dir("serve");
+  std::string error;
+  if (!dir.Ok() || !kb::InstallTool(dir.Path(), &error)) return kb::Fail(state, error);
+  std::string input;
+  input.reserve(static_cast<std::size_t>(lines) * 110);
+  for (long i = 1; i <= lines; ++i) input += QueryLine(i);
+
+  for (auto _ : state) {
+    // em-host: started, warmed up with one query, then the stream.
+    kb::CChild host(EmHostServe(dir), {}, dir.Path() + "/stderr.log");
+    if (!host.Ok()) return kb::Fail(state, "cannot start em-host");
+    if (!host.Write(QueryLine(0)) || !host.ReadLines(1, 30000)) {
+      return kb::Fail(state, "em-host serve did not answer");
+    }
+    std::string output;
+    output.reserve(input.size() * 2);
+    double seconds = 0;
+    if (!Pump(host, input, lines, output, seconds)) return kb::Fail(state, "em-host fell silent");
+    const int exit = host.Finish(30000);
+    const long acks = Count(output, "\"event\":\"ack\",\"result\":1,");
+    const long answered = Count(output, "\"ST\":0,\"DA\":1}");
+    if (acks != lines || answered != lines || exit != 0) {
+      return kb::Fail(state, "em-host answered " + std::to_string(acks) + " of " +
+                                 std::to_string(lines) + " queries as installed (" +
+                                 std::to_string(answered) + "), exit " + std::to_string(exit));
+    }
+
+    // cat: the same bytes through the same kind of pipes.
+    kb::CChild cat({"/bin/cat"}, {});
+    if (!cat.Ok()) return kb::Fail(state, "cannot start cat");
+    std::string echoed;
+    echoed.reserve(input.size());
+    double catSeconds = 0;
+    if (!Pump(cat, input, lines, echoed, catSeconds)) return kb::Fail(state, "cat fell silent");
+    cat.Finish(10000);
+
+    state.counters["requests_per_s"] = static_cast<double>(lines) / seconds;
+    state.counters["cat_lines_per_s"] = static_cast<double>(lines) / catSeconds;
+    state.counters["lines"] = static_cast<double>(lines);
+    state.counters["output_bytes_per_line"] =
+        static_cast<double>(output.size()) / static_cast<double>(lines);
+  }
+}
+
+void BM_ServePeakRss(benchmark::State& state) {
+  kb::CScratchDir dir("rss");
+  std::string error;
+  if (!dir.Ok() || !kb::InstallTool(dir.Path(), &error)) return kb::Fail(state, error);
+  for (auto _ : state) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) return kb::Fail(state, "pipe");
+    ::fcntl(fds[1], F_SETFD, 0);  // inherited: em-host passes it on to the tool
+    const std::string trace = dir.Path() + "/trace.log";
+    std::vector<std::string> argv = EmHostServe(dir);
+    argv.insert(argv.end() - 1, {"--trace", trace, "--trace-level", "5"});
+    kb::CChild host(argv,
+                    {"KORVEX_BENCH_STAMP_FD=" + std::to_string(fds[1]),
+                     "KORVEX_BENCH_TOOL_MODE=block"},
+                    dir.Path() + "/stderr.log");
+    ::close(fds[1]);
+    if (!host.Ok()) {
+      ::close(fds[0]);
+      return kb::Fail(state, "cannot start em-host");
+    }
+    // Idle: started, one query answered.
+    bool ok = host.Write(QueryLine(0)) && host.ReadLines(1, 30000);
+    const long idleHwm = kb::StatusKb(host.Pid(), "VmHWM");
+    const long idleRss = kb::StatusKb(host.Pid(), "VmRSS");
+
+    // One creation that blocks in the tool, then 19 that queue behind it.
+    std::int64_t record[2] = {0, 0};
+    ok = ok && host.Write(CreateLine(1)) && host.ReadLines(1, 30000);
+    pollfd running{fds[0], POLLIN, 0};
+    ok = ok && ::poll(&running, 1, 10000) == 1 && ::read(fds[0], record, sizeof(record)) == sizeof(record);
+    std::string queued;
+    for (long id = 2; id <= 20; ++id) queued += CreateLine(id);
+    ok = ok && host.Write(queued) && host.ReadLines(19, 30000);
+    const long hwm = kb::StatusKb(host.Pid(), "VmHWM");
+    const long rss = kb::StatusKb(host.Pid(), "VmRSS");
+
+    // quit stops the module: the worker is given up after its wait, the tool
+    // is terminated.
+    host.Write("{\"id\":99,\"control\":\"quit\"}\n");
+    host.Finish(60000);
+    pollfd ended{fds[0], POLLIN, 0};
+    char drain[64];
+    while (::poll(&ended, 1, 5000) == 1 && ::read(fds[0], drain, sizeof(drain)) > 0) {
+    }
+    if (record[1] > 1 && ::kill(static_cast<pid_t>(record[1]), 0) == 0) {
+      ::kill(static_cast<pid_t>(record[1]), SIGKILL);  // the host left it behind
+      ok = false;
+    }
+    ::close(fds[0]);
+    if (!ok) return kb::Fail(state, "the queued-tasks session did not go as planned");
+
+    std::ifstream in(trace, std::ios::binary);
+    const std::string log((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const long inserted = Count(log, "Task with priority 0 inserted into task queue!");
+    const long full = Count(log, "is full");
+    if (inserted != 20 || full != 0) {
+      return kb::Fail(state, "expected 20 insertions and no full queue, saw " +
+                                 std::to_string(inserted) + " and " + std::to_string(full));
+    }
+    state.counters["idle_hwm_kb"] = static_cast<double>(idleHwm);
+    state.counters["idle_rss_kb"] = static_cast<double>(idleRss);
+    state.counters["queued_hwm_kb"] = static_cast<double>(hwm);
+    state.counters["queued_rss_kb"] = static_cast<double>(rss);
+  }
+}
+
+}  // namespace
+
+BENCHMARK(BM_ServeThroughput)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ServePeakRss)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
