@@ -56,6 +56,40 @@ bool Pump(kb::CChild& child, const std::string& input, long lines, std::string& 
   return written && read;
 }
 
+// Reads exactly size bytes from fd (the tool writes its stamp and its pid
+// one after the other), waiting up to timeoutMs in all.
+bool ReadRecord(int fd, void* data, std::size_t size, int timeoutMs) {
+  char* bytes = static_cast<char*>(data);
+  const std::int64_t deadline = kb::NowNs() + static_cast<std::int64_t>(timeoutMs) * 1000000LL;
+  while (size > 0) {
+    const std::int64_t left = deadline - kb::NowNs();
+    if (left <= 0) return false;
+    pollfd readable{fd, POLLIN, 0};
+    if (::poll(&readable, 1, static_cast<int>(left / 1000000LL) + 1) != 1) continue;
+    const ssize_t got = ::read(fd, bytes, size);
+    if (got <= 0) return false;
+    bytes += got;
+    size -= static_cast<std::size_t>(got);
+  }
+  return true;
+}
+
+// Whether pid still runs, given a couple of seconds to go: a killed tool may
+// stay a zombie for a moment after its host has exited.
+bool StillRunning(pid_t pid) {
+  for (int i = 0; i < 200; ++i) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    const std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::size_t paren = stat.rfind(')');
+    if (stat.empty() || paren == std::string::npos || paren + 2 >= stat.size() ||
+        stat[paren + 2] == 'Z' || stat[paren + 2] == 'X') {
+      return false;
+    }
+    kb::SleepNs(10000000);
+  }
+  return true;
+}
+
 std::vector<std::string> EmHostServe(const kb::CScratchDir& dir) {
   return {kb::EmHostPath(), "--tool-root", dir.Path(), "--bmc-dir", dir.Path() + "/bmc", "serve"};
 }
@@ -127,18 +161,24 @@ void BM_ServePeakRss(benchmark::State& state) {
       return kb::Fail(state, "cannot start em-host");
     }
     // Idle: started, one query answered.
-    bool ok = host.Write(QueryLine(0)) && host.ReadLines(1, 30000);
+    std::string failed;
+    if (!host.Write(QueryLine(0)) || !host.ReadLines(1, 30000)) failed = "no answer to the query";
     const long idleHwm = kb::StatusKb(host.Pid(), "VmHWM");
     const long idleRss = kb::StatusKb(host.Pid(), "VmRSS");
 
     // One creation that blocks in the tool, then 19 that queue behind it.
     std::int64_t record[2] = {0, 0};
-    ok = ok && host.Write(CreateLine(1)) && host.ReadLines(1, 30000);
-    pollfd running{fds[0], POLLIN, 0};
-    ok = ok && ::poll(&running, 1, 10000) == 1 && ::read(fds[0], record, sizeof(record)) == sizeof(record);
+    if (failed.empty() && (!host.Write(CreateLine(1)) || !host.ReadLines(1, 30000))) {
+      failed = "no ack for the first creation";
+    }
+    if (failed.empty() && !ReadRecord(fds[0], record, sizeof(record), 10000)) {
+      failed = "the tool did not report that it runs";
+    }
     std::string queued;
     for (long id = 2; id <= 20; ++id) queued += CreateLine(id);
-    ok = ok && host.Write(queued) && host.ReadLines(19, 30000);
+    if (failed.empty() && (!host.Write(queued) || !host.ReadLines(19, 30000))) {
+      failed = "no acks for the 19 queued creations";
+    }
     const long hwm = kb::StatusKb(host.Pid(), "VmHWM");
     const long rss = kb::StatusKb(host.Pid(), "VmRSS");
 
@@ -150,12 +190,12 @@ void BM_ServePeakRss(benchmark::State& state) {
     char drain[64];
     while (::poll(&ended, 1, 5000) == 1 && ::read(fds[0], drain, sizeof(drain)) > 0) {
     }
-    if (record[1] > 1 && ::kill(static_cast<pid_t>(record[1]), 0) == 0) {
+    if (record[1] > 1 && StillRunning(static_cast<pid_t>(record[1]))) {
       ::kill(static_cast<pid_t>(record[1]), SIGKILL);  // the host left it behind
-      ok = false;
+      if (failed.empty()) failed = "em-host left the tool running";
     }
     ::close(fds[0]);
-    if (!ok) return kb::Fail(state, "the queued-tasks session did not go as planned");
+    if (!failed.empty()) return kb::Fail(state, failed);
 
     std::ifstream in(trace, std::ios::binary);
     const std::string log((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
