@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <system_error>
 #include <utility>
 
 namespace {
@@ -122,7 +123,14 @@ int CHostSwitch::ServeFileTransfer(SipJson& request, unsigned int timeoutMs) {
   // The copy runs on its own thread, so that the switch can keep its word
   // to return after timeoutMs even when a copy stalls (a slow or hung disk).
   auto job = std::make_shared<CBmcTransferJob>();
-  std::thread worker([this, parsed, job] { m_FileTransfer.Run(parsed, *job); });
+  std::thread worker;
+  try {
+    worker = std::thread([this, parsed, job] { m_FileTransfer.Run(parsed, *job); });
+  } catch (const std::system_error&) {
+    // No thread to copy on (resources exhausted): the transfer is not made.
+    request.SetStatus(BMC_WRITE_FAILED);
+    return 1;
+  }
   {
     std::lock_guard<std::mutex> lock(m_CopiesMutex);
     m_Copies.push_back(CCopy{job, std::move(worker)});
