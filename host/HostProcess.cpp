@@ -26,6 +26,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -45,6 +46,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <unordered_map>
 
 extern char** environ;
 
@@ -271,37 +273,110 @@ std::string ReadSmallFile(int procFd, const std::string& relativePath) {
 // The kernel keeps at most 15 characters of a process name in comm.
 constexpr std::size_t kCommLength = 15;
 
-// The name (comm) of the process pidText, without its line break; false
-// when the process is gone or its name cannot be read. The search visits
-// every process on the machine and this is all it reads of most of them, so
-// it costs three system calls and no heap: openat below /proc (no walk from
-// the root), one read, close. The kernel hands comm over whole (at most 15
-// characters and a line break) in the first read; a second read would only
-// confirm the end.
-bool ReadComm(int procFd, const char* pidText, char (&comm)[64]) {
-  char path[32];
-  const std::size_t digits = std::strlen(pidText);
-  static const char kLeaf[] = "/comm";
-  if (digits + sizeof(kLeaf) > sizeof(path)) return false;
-  std::memcpy(path, pidText, digits);
-  std::memcpy(path + digits, kLeaf, sizeof(kLeaf));
-  const int fd = ::openat(procFd, path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  ssize_t got;
-  do {
-    got = ::read(fd, comm, sizeof(comm) - 1);
-  } while (got < 0 && errno == EINTR);
-  ::close(fd);
-  if (got <= 0) return false;
-  std::size_t length = static_cast<std::size_t>(got);
-  if (comm[length - 1] == '\n') --length;
-  comm[length] = '\0';
-  return true;
+// The names of the machine's processes, for FindProcess, which reads the
+// name (comm) of every process each time it looks for one. Opening
+// /proc/<pid>/comm is most of that cost (the read is a quarter of it), so
+// the descriptors stay open from one search to the next and are read again
+// with pread at offset 0, which makes the kernel produce the current name
+// afresh, also after an exec. A descriptor belongs to its process, not to
+// the number: once that process has been reaped the read fails (ESRCH), and
+// a new process under the same number is opened anew. Numbers that a whole
+// search no longer finds in /proc are closed after it. At most kMaxNames
+// descriptors (and no more than an eighth of the open-files limit) are
+// kept; further processes are read with openat, read and close. All are
+// close-on-exec, so no child ever sees them.
+class CNameCache {
+ public:
+  static constexpr std::size_t kMaxNames = 256;
+
+  std::mutex m_Mutex;  // held for a whole search
+
+  // comm of the process pid (pidText in decimal), without its line break;
+  // false when the process is gone or its name cannot be read.
+  bool Read(int procFd, pid_t pid, const char* pidText, char (&comm)[64]) {
+    const auto known = m_Entries.find(pid);
+    if (known != m_Entries.end()) {
+      known->second.m_Generation = m_Generation;
+      if (ReadAt(known->second.m_Fd, comm)) return true;
+      ::close(known->second.m_Fd);  // reaped; the number may be somebody else's now
+      m_Entries.erase(known);
+    }
+    char path[32];
+    const std::size_t digits = std::strlen(pidText);
+    static const char kLeaf[] = "/comm";
+    if (digits + sizeof(kLeaf) > sizeof(path)) return false;
+    std::memcpy(path, pidText, digits);
+    std::memcpy(path + digits, kLeaf, sizeof(kLeaf));
+    const int fd = ::openat(procFd, path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool read = ReadAt(fd, comm);
+    if (read && m_Entries.size() < Limit()) {
+      m_Entries.emplace(pid, CEntry{fd, m_Generation});
+    } else {
+      ::close(fd);
+    }
+    return read;
+  }
+
+  // After a whole search: closes the descriptors of numbers it did not see.
+  void Sweep() {
+    for (auto entry = m_Entries.begin(); entry != m_Entries.end();) {
+      if (entry->second.m_Generation != m_Generation) {
+        ::close(entry->second.m_Fd);
+        entry = m_Entries.erase(entry);
+      } else {
+        ++entry;
+      }
+    }
+    ++m_Generation;
+  }
+
+ private:
+  struct CEntry {
+    int m_Fd;
+    unsigned int m_Generation;  // the search that last saw the number
+  };
+
+  // The kernel hands comm over whole (at most 15 characters and a line
+  // break) in one read.
+  static bool ReadAt(int fd, char (&comm)[64]) {
+    ssize_t got;
+    do {
+      got = ::pread(fd, comm, sizeof(comm) - 1, 0);
+    } while (got < 0 && errno == EINTR);
+    if (got <= 0) return false;
+    std::size_t length = static_cast<std::size_t>(got);
+    if (comm[length - 1] == '\n') --length;
+    comm[length] = '\0';
+    return true;
+  }
+
+  std::size_t Limit() {
+    if (m_Limit == kUnknownLimit) {
+      rlimit files{};
+      m_Limit = kMaxNames;
+      if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur != RLIM_INFINITY) {
+        m_Limit = std::min<std::size_t>(kMaxNames, static_cast<std::size_t>(files.rlim_cur / 8));
+      }
+    }
+    return m_Limit;
+  }
+
+  static constexpr std::size_t kUnknownLimit = ~std::size_t{0};
+  std::unordered_map<pid_t, CEntry> m_Entries;
+  unsigned int m_Generation = 1;
+  std::size_t m_Limit = kUnknownLimit;
+};
+
+CNameCache& Names() {
+  static CNameCache* const cache = new CNameCache;  // searches may run during static destruction
+  return *cache;
 }
 
-bool ProcessMatches(int procFd, const char* pidText, const char* name) {
+bool ProcessMatches(CNameCache& names, int procFd, pid_t pid, const char* pidText,
+                    const char* name) {
   char comm[64];
-  if (!ReadComm(procFd, pidText, comm)) return false;
+  if (!names.Read(procFd, pid, pidText, comm)) return false;
   const std::size_t nameLength = std::strlen(name);
   if (nameLength < kCommLength) {
     if (std::strcmp(comm, name) != 0) return false;
@@ -393,6 +468,8 @@ bool CProcess::ExecuteCmd(const char* commandLine, unsigned int& processId, unsi
 
 bool CProcess::FindProcess(unsigned int& processId, const char* processName) {
   if (processName == nullptr || *processName == '\0') return false;
+  CNameCache& names = Names();
+  std::lock_guard<std::mutex> lock(names.m_Mutex);
   DIR* const proc = ::opendir("/proc");  // opened close-on-exec by the C library
   if (proc == nullptr) return false;
   const int procFd = ::dirfd(proc);
@@ -403,13 +480,14 @@ bool CProcess::FindProcess(unsigned int& processId, const char* processName) {
     char* end = nullptr;
     const unsigned long pid = std::strtoul(name, &end, 10);
     if (*end != '\0' || pid > static_cast<unsigned long>(INT_MAX)) continue;
-    if (ProcessMatches(procFd, name, processName)) {
+    if (ProcessMatches(names, procFd, static_cast<pid_t>(pid), name, processName)) {
       processId = static_cast<unsigned int>(pid);
       found = true;
       break;
     }
   }
   ::closedir(proc);
+  if (!found) names.Sweep();  // only a whole search knows which numbers are gone
   return found;
 }
 

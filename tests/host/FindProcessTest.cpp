@@ -128,6 +128,56 @@ TEST_F(FindProcessTest, NameLongerThanTheKernelKeepsIsMatchedInFull) {
   EXPECT_FALSE(CProcess::FindProcess(found, "KorvexCollector"));
 }
 
+// The search keeps the name files of the processes it has seen open and
+// reads them again: a process that takes the name by exec after a search
+// has seen it under its old name is found under the same id, and once it
+// has been reaped it is no longer found.
+TEST_F(FindProcessTest, ProcessSeenBeforeItsExecIsFoundAfterItAndNotAfterItsEnd) {
+  const std::string later = "KvxExecLater";
+  const std::string path = m_Dir / later;
+  std::error_code error;
+  std::filesystem::copy_file("/bin/sleep", path, std::filesystem::copy_options::overwrite_existing,
+                             error);
+  ASSERT_FALSE(error) << error.message();
+  std::filesystem::permissions(path, std::filesystem::perms(0755), error);
+  SKIP_IF_FOREIGN(later);
+
+  // A shell that waits for one line on its input, then becomes the program.
+  int go[2];
+  ASSERT_EQ(0, ::pipe(go));
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, go[0], STDIN_FILENO);
+  posix_spawn_file_actions_addclose(&actions, go[1]);
+  const std::string script = "read line; exec '" + path + "' 30";
+  char* const arguments[] = {const_cast<char*>("/bin/sh"), const_cast<char*>("-c"),
+                             const_cast<char*>(script.c_str()), nullptr};
+  pid_t pid = 0;
+  ASSERT_EQ(0, posix_spawn(&pid, "/bin/sh", &actions, nullptr, arguments, environ));
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(go[0]);
+  m_Children.push_back(pid);
+
+  unsigned int found = 0xC0FFEEu;
+  ASSERT_TRUE(WaitUntil([&] { return hosttest::ProcessState(pid) == 'S'; }));
+  EXPECT_FALSE(CProcess::FindProcess(found, later.c_str()));  // still the shell
+  EXPECT_EQ(0xC0FFEEu, found);
+
+  ASSERT_EQ(1, ::write(go[1], "\n", 1));
+  ::close(go[1]);
+  ASSERT_TRUE(WaitUntil([&] { return NameShows(pid, later); }));
+  EXPECT_TRUE(CProcess::FindProcess(found, later.c_str()));
+  EXPECT_EQ(static_cast<unsigned int>(pid), found);
+
+  ::kill(pid, SIGKILL);
+  int status = 0;
+  ASSERT_EQ(pid, ::waitpid(pid, &status, 0));
+  m_Children.clear();
+  found = 0xC0FFEEu;
+  EXPECT_FALSE(CProcess::FindProcess(found, later.c_str()));
+  EXPECT_EQ(0xC0FFEEu, found);
+}
+
 TEST_F(FindProcessTest, EmptyOrNullNameFindsNothing) {
   unsigned int found = 0xC0FFEEu;
   EXPECT_FALSE(CProcess::FindProcess(found, ""));
