@@ -59,9 +59,31 @@ long EnvNumber(const char* name, long fallback) {
   return (*end == '\0' && value > 0) ? value : fallback;
 }
 
-const char* PluginPath() { return KORVEX_BENCH_PLUGIN; }
-const char* EmHostPath() { return KORVEX_BENCH_EMHOST; }
-const char* ToolPath() { return KORVEX_BENCH_TOOL; }
+namespace {
+
+// KORVEX_BENCH_DIR names a copied build (its bin/ and lib/) to measure
+// instead of the one this program was built in, e.g. an older commit's.
+const char* Built(const char* builtPath, const char* relative, std::string& storage) {
+  const char* dir = std::getenv("KORVEX_BENCH_DIR");
+  if (dir == nullptr || *dir == '\0') return builtPath;
+  if (storage.empty()) storage = std::string(dir) + "/" + relative;
+  return storage.c_str();
+}
+
+}  // namespace
+
+const char* PluginPath() {
+  static std::string path;
+  return Built(KORVEX_BENCH_PLUGIN, "lib/libEM_KORVEX.so", path);
+}
+const char* EmHostPath() {
+  static std::string path;
+  return Built(KORVEX_BENCH_EMHOST, "bin/em-host", path);
+}
+const char* ToolPath() {
+  static std::string path;
+  return Built(KORVEX_BENCH_TOOL, "bin/korvex_bench_tool", path);
+}
 
 // ---------------------------------------------------------------------------
 
