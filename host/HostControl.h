@@ -46,6 +46,9 @@ std::string ProductRootKey(const char* productName);
 //    word splitting, no PATH search) in a process group of its own, with an
 //    empty signal mask and default signal actions; it returns false when the
 //    file is missing, not a regular file, not executable or not a program.
+//  - When the command ends, whatever it left running in its process group
+//    is killed (SIGKILL) before the command is reaped; a process that left
+//    the group (setsid, setpgid) is not reached.
 //  - Exit codes: the exit status; 128 + the signal number for a child ended
 //    by a signal; the code given to TerminateProcess for a child ended there;
 //    255 when the status was lost (SIGCHLD ignored by the process).

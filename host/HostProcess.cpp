@@ -186,6 +186,14 @@ void WatchChild(const CChildPtr& child) {
   for (;;) {
     BlockUntilEnded(*child);
     CTableLock lock(table);
+    if (!child->m_Reaped && HasEndedLocked(*child)) {
+      // The child has ended: whatever it left running in its process group
+      // (a helper it started in the background and did not wait for) is
+      // ended with it, so that a tool never leaves processes behind. The
+      // group's id is still reserved by our unreaped child, so the signal
+      // can reach nobody else. A process that left the group is not reached.
+      ::kill(-child->m_Pid, SIGKILL);
+    }
     if (ReapLocked(table, *child)) {
       pthread_cond_broadcast(&table.m_Reaped);
       return;
