@@ -1,0 +1,88 @@
+// Fuzz target: em-host's serve session reading arbitrary bytes as its input
+// - the line reader (line breaks, the 1 MiB limit, a last line without a
+// break, blank lines), the JSON line parser with its depth limit, the
+// request and control forms and their checks, the hand-over of the message
+// to the module through the switch and the ack written back.
+//
+// The module behind the session is the frame's base module (it answers
+// every request with status 1 and queues nothing), so that "wait" never
+// waits and "start"/"stop" cost nothing; the real module is fuzzed by
+// fuzz_module_request. The input reaches the session through a memory file
+// descriptor, the output goes to /dev/null.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "frame/ExtensionModule.h"
+#include "host/HostControl.h"
+#include "host/emhost/HostSwitch.h"
+#include "host/emhost/ModuleHost.h"
+#include "host/emhost/ServeSession.h"
+#include "host/emhost/Signals.h"
+
+namespace {
+
+class CBaseModule : public CExtensionModule {};
+
+CIExtensionModule* g_Module = nullptr;
+
+int BaseCreate(void** module) {
+  g_Module = new CBaseModule;
+  *module = g_Module;
+  return 1;
+}
+int BaseDelete(void*) {
+  delete g_Module;
+  g_Module = nullptr;
+  return 1;
+}
+const char* BaseName() { return "EM_XXX"; }
+unsigned int BaseSetup(unsigned int) { return 0; }
+
+CSignalWatch* g_Signals = nullptr;
+std::FILE* g_Output = nullptr;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  g_Signals = new CSignalWatch;  // blocks SIGINT/SIGTERM/SIGPIPE, as em-host does first
+  g_Output = std::fopen("/dev/null", "w");
+  if (g_Output == nullptr) std::abort();
+  halvane::TraceToMemory();
+  halvane::SetTraceSwitch(false);
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const int input = ::memfd_create("serve-input", MFD_CLOEXEC);
+  if (input < 0) std::abort();
+  std::size_t written = 0;
+  while (written < size) {
+    const ssize_t done = ::write(input, data + written, size - written);
+    if (done <= 0) std::abort();
+    written += static_cast<std::size_t>(done);
+  }
+  ::lseek(input, 0, SEEK_SET);
+
+  CModuleLibrary library;
+  library.Create = &BaseCreate;
+  library.Delete = &BaseDelete;
+  library.GetModuleName = &BaseName;
+  library.SetupAction = &BaseSetup;
+  CModuleInstance instance(library);
+  std::string error;
+  if (!instance.Create(&error)) std::abort();
+  CHostSwitch hostSwitch(5, CHtiMode{}, "/nonexistent-bmc");
+  {
+    CServeSession session(library, instance, hostSwitch, *g_Signals, input, g_Output);
+    if (session.Run() != 0) std::abort();  // no signal ever comes
+  }
+  ::close(input);
+  halvane::TakeTrace();
+  return 0;
+}
