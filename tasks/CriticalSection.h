@@ -5,9 +5,8 @@
 // inspecting the queues).
 #pragma once
 
-#include <pthread.h>
-
 #include <cstdint>
+#include <pthread.h>
 
 class CCriticalSection {
  public:

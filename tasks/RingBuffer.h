@@ -14,7 +14,12 @@ class CRingBuffer {
   // Storage of `size` bytes from malloc. Should malloc fail, the ring has no
   // storage and size 0, so every fill test finds it full.
   explicit CRingBuffer(std::uint64_t size)
-      : m_Used(0), m_ReadIndex(0), m_WriteIndex(0), m_pBuffer(nullptr), m_Size(0), m_OwnsStorage(0) {
+      : m_Used(0),
+        m_ReadIndex(0),
+        m_WriteIndex(0),
+        m_pBuffer(nullptr),
+        m_Size(0),
+        m_OwnsStorage(0) {
     m_pBuffer = static_cast<unsigned char*>(std::malloc(static_cast<std::size_t>(size)));
     if (m_pBuffer != nullptr) {
       m_Size = size;

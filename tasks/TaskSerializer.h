@@ -13,23 +13,22 @@
 // destructor runs, the derived part (and its override) is already gone.
 #pragma once
 
-#include <cxxabi.h>
-#include <pthread.h>
-#include <sched.h>
-#include <unistd.h>
-
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
-#include <memory>
-#include <mutex>
-#include <new>
-
 #include "frame/HostServices.h"
 #include "frame/Trace.h"
 #include "tasks/CriticalSection.h"
 #include "tasks/RingBuffer.h"
 #include "tasks/ThreadMonitor.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <cxxabi.h>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
 
 template <class T>
 class CTaskSerializer {
@@ -94,7 +93,9 @@ class CTaskSerializer {
   // has ended but was not yet joined no longer counts (its kernel id is gone).
   bool IsWorkerAlive();
 
-  bool TerminateRequested() const { return __atomic_load_n(&m_TerminateFlag, __ATOMIC_ACQUIRE) != 0; }
+  bool TerminateRequested() const {
+    return __atomic_load_n(&m_TerminateFlag, __ATOMIC_ACQUIRE) != 0;
+  }
 
   static unsigned int TraceAddress(const void* address) {
     // The host's trace format prints addresses with "0x%X".
@@ -104,13 +105,13 @@ class CTaskSerializer {
   static void DeleteRecord(_TaskRecord* record) { delete record; }
 
   // Members, in this order.
-  _TaskLevel* m_pLevels;               // level table (array new), null if its allocation failed
-  CCriticalSection m_Lock;             // guards the rings' indices and bytes
-  CEvent m_WakeupEvent;                // manual reset: stays set until the worker resets it
-  CThread m_Thread;                    // the worker
-  unsigned int m_ThreadStartOption;    // passed to CThread::Start
-  unsigned int m_LevelCount;           // elements of m_pLevels
-  unsigned int m_TerminateFlag;        // 1: the worker is to leave its loop
+  _TaskLevel* m_pLevels;             // level table (array new), null if its allocation failed
+  CCriticalSection m_Lock;           // guards the rings' indices and bytes
+  CEvent m_WakeupEvent;              // manual reset: stays set until the worker resets it
+  CThread m_Thread;                  // the worker
+  unsigned int m_ThreadStartOption;  // passed to CThread::Start
+  unsigned int m_LevelCount;         // elements of m_pLevels
+  unsigned int m_TerminateFlag;      // 1: the worker is to leave its loop
 
  private:
   // Keeps a thread cancellation away from code that holds m_Lock: a worker
@@ -350,7 +351,8 @@ __attribute__((no_sanitize("null"))) void CTaskSerializer<T>::TaskHandler() {
       } catch (abi::__forced_unwind&) {
         throw;
       } catch (...) {
-        KORVEX_TRACE(1, "\n\nCTaskSerializer     : ## EXCEPTION setting external event object 0x%X!",
+        KORVEX_TRACE(1,
+                     "\n\nCTaskSerializer     : ## EXCEPTION setting external event object 0x%X!",
                      TraceAddress(externalEvent));
       }
     }

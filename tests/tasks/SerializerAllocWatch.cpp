@@ -3,12 +3,12 @@
 // given task record was freed and whether a refused insert left a record
 // behind. Blocks still come from malloc and go back to free, so the leak
 // and race detectors keep seeing every allocation.
+#include "tests/tasks/SerializerTestSupport.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdlib>
 #include <new>
-
-#include "tests/tasks/SerializerTestSupport.h"
 
 namespace {
 

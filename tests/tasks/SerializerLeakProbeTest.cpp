@@ -3,11 +3,11 @@
 // on their own (tests/tasks/Serializer.cmake) and reads the leak report:
 // without the suppression the dropped records are reported, with it they
 // are not, while any other leak still is.
-#include <memory>
-
 #include "tests/tasks/SerializerTestSupport.h"
 
 #include <gtest/gtest.h>
+
+#include <memory>
 
 namespace serializer_test {
 namespace {

@@ -1,20 +1,19 @@
 // The serializer's passive half: construction, InsertTask with its
 // acceptance and full tests, the byte ring, the enabling of levels and the
 // hand-made re-entrant lock.
-#include <pthread.h>
+#include "tests/tasks/SerializerTestSupport.h"
+
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <pthread.h>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include "tests/tasks/SerializerTestSupport.h"
-
-#include <gtest/gtest.h>
 
 namespace serializer_test {
 namespace {
@@ -200,7 +199,8 @@ TEST_F(SerializerInsert, TwentiethTaskIsRefusedAsFullWithoutLeakingItsRecord) {
   // The worker is kept busy by task 100 while the queue fills up.
   auto busy = MakeTask(100);
   int result = 0;
-  Record* busyRecord = serializer.InsertWatched(*busy, CSerializer::TASK_PRIORITY_0, nullptr, &result);
+  Record* busyRecord =
+      serializer.InsertWatched(*busy, CSerializer::TASK_PRIORITY_0, nullptr, &result);
   ASSERT_EQ(1, result);
   script.Expect(4, line::Raised(0));
   script.Expect(5, line::Inserted(0));
@@ -215,8 +215,8 @@ TEST_F(SerializerInsert, TwentiethTaskIsRefusedAsFullWithoutLeakingItsRecord) {
   std::vector<Record*> records;
   for (unsigned int id = 1; id <= 19; ++id) {
     tasks.push_back(MakeTask(id));
-    records.push_back(serializer.InsertWatched(*tasks.back(), CSerializer::TASK_PRIORITY_0,
-                                               nullptr, &result));
+    records.push_back(
+        serializer.InsertWatched(*tasks.back(), CSerializer::TASK_PRIORITY_0, nullptr, &result));
     EXPECT_EQ(1, result) << "task " << id;
     script.Expect(4, line::Raised(0));
     script.Expect(5, line::Inserted(0));
@@ -311,8 +311,8 @@ TEST_F(SerializerRing, RecordPointerSplitAcrossTheEndOfTheStorageComesOutWhole) 
   int result = 0;
   for (unsigned int id = 1; id <= 3; ++id) {
     tasks.push_back(MakeTask(id));
-    records.push_back(serializer.InsertWatched(*tasks.back(), CSerializer::TASK_PRIORITY_0, nullptr,
-                                               &result));
+    records.push_back(
+        serializer.InsertWatched(*tasks.back(), CSerializer::TASK_PRIORITY_0, nullptr, &result));
     ASSERT_EQ(1, result);
   }
   EXPECT_EQ(24u, queue.m_Used);

@@ -2,15 +2,15 @@
 // thread the tasks run in insertion order, nothing is lost beyond what was
 // refused as full, one task runs at a time, and the serializer ends empty.
 // Built with the thread and the address sanitizers as well.
+#include "tests/tasks/SerializerTestSupport.h"
+
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <memory>
 #include <thread>
 #include <vector>
-
-#include "tests/tasks/SerializerTestSupport.h"
-
-#include <gtest/gtest.h>
 
 namespace serializer_test {
 namespace {

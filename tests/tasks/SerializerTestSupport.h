@@ -4,7 +4,13 @@
 // for the expected trace lines and compares them verbatim.
 #pragma once
 
-#include <pthread.h>
+#include "frame/HostServices.h"
+#include "frame/Trace.h"
+#include "host/HostControl.h"
+#include "message/SipJson.h"
+#include "tasks/TaskSerializer.h"
+
+#include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -17,18 +23,11 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <pthread.h>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
-
-#include "frame/HostServices.h"
-#include "frame/Trace.h"
-#include "host/HostControl.h"
-#include "message/SipJson.h"
-#include "tasks/TaskSerializer.h"
-
-#include <gtest/gtest.h>
 
 namespace serializer_test {
 
@@ -92,7 +91,8 @@ inline std::string Raised(int level) {
   return Format("\nCTaskSerializer     : Task at level %d raised", level);
 }
 inline std::string Locked(int level) {
-  return Format("\nCTaskSerializer     : Manager locked for Tasks at level %d. Task ignored!", level);
+  return Format("\nCTaskSerializer     : Manager locked for Tasks at level %d. Task ignored!",
+                level);
 }
 inline std::string Full(int level) {
   return Format("\nCTaskSerializer     : ## ERROR! Task queue for priority %d is full", level);
@@ -380,9 +380,10 @@ class CTraceScript {
     if (m_Side.empty() || m_Main.empty()) {
       EXPECT_EQ(Join(m_Main) + Join(m_Side), seen);
     } else {
-      EXPECT_TRUE(IsInterleaving(seen, m_Main, m_Side))
-          << "trace:\n" << seen << "\n--- is no interleaving of:\n" << Join(m_Main)
-          << "\n--- and:\n" << Join(m_Side);
+      EXPECT_TRUE(IsInterleaving(seen, m_Main, m_Side)) << "trace:\n"
+                                                        << seen << "\n--- is no interleaving of:\n"
+                                                        << Join(m_Main) << "\n--- and:\n"
+                                                        << Join(m_Side);
     }
     m_Main.clear();
     m_Side.clear();
@@ -414,7 +415,8 @@ class CTraceScript {
       auto found = memo.find(key);
       if (found != memo.end()) return found->second;
       bool ok = false;
-      if (i < a.size() && text.compare(at, a[i].size(), a[i]) == 0) ok = from(i + 1, j, at + a[i].size());
+      if (i < a.size() && text.compare(at, a[i].size(), a[i]) == 0)
+        ok = from(i + 1, j, at + a[i].size());
       if (!ok && j < b.size() && text.compare(at, b[j].size(), b[j]) == 0) {
         ok = from(i, j + 1, at + b[j].size());
       }

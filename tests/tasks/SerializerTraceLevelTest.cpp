@@ -3,13 +3,13 @@
 // failing task, external events, termination, destruction), run at every
 // trace level; lines above the level must be missing and all others present
 // in their order.
-#include <memory>
-#include <stdexcept>
-#include <vector>
-
 #include "tests/tasks/SerializerTestSupport.h"
 
 #include <gtest/gtest.h>
+
+#include <memory>
+#include <stdexcept>
+#include <vector>
 
 namespace serializer_test {
 namespace {
