@@ -19,6 +19,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -307,16 +308,22 @@ int CThread::Kill(unsigned int /*exitCode*/) {
     pthread_join(record->m_Id, nullptr);  // it returned by itself: nothing live to end
   } else {
     pthread_cancel(record->m_Id);
-    std::unique_lock<std::mutex> lock(record->m_Mutex);
-    if (record->m_Changed.wait_for(lock, kKillUnwindLimit, [&] { return record->m_Ended; })) {
-      lock.unlock();
-      pthread_join(record->m_Id, nullptr);
+    // The end of a cancelled thread is learnt from the join itself, not from
+    // the end flag it sets while it unwinds. A thread cancelled inside a
+    // blocking call that ThreadSanitizer intercepts (a sleep, poll, read;
+    // its condition-variable waits are the exception) leaves the sanitizer's
+    // per-thread state in the abandoned call, and the race detector no
+    // longer sees that thread's later locking: it would take the flag's
+    // hand-over under the mutex for a data race. A join it always sees.
+    timespec deadline{};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += static_cast<time_t>(kKillUnwindLimit.count());
+    if (pthread_timedjoin_np(record->m_Id, nullptr, &deadline) == 0) {
       result = 1;
     } else {
       // It never reached a cancellation point (or blocks with cancellation
       // disabled). Joining would block for good; the thread is given up and
       // left to end on its own, and the object forgets it.
-      lock.unlock();
       pthread_detach(record->m_Id);
       KORVEX_TRACE(1, "\nCThread::Kill: ## WARNING: thread 0x%08X did not end within %d s - detached",
                    static_cast<unsigned int>(record->m_Id),
