@@ -14,6 +14,7 @@
 #include <cstring>
 #include <future>
 #include <memory>
+#include <ostream>
 #include <pthread.h>
 #include <string>
 #include <unistd.h>
@@ -318,6 +319,10 @@ struct CExitCase {
   const char* m_Name;
   unsigned int m_OldBlockerStatus;  // thread status of the first, old entry with our id
 };
+
+// Printed by name: the default byte dump would put a pointer value into the
+// test's name, which then changes from build to build.
+void PrintTo(const CExitCase& exitCase, std::ostream* out) { *out << exitCase.m_Name; }
 
 class ExitedChoice : public ThreadMonitorTest, public ::testing::WithParamInterface<CExitCase> {};
 
