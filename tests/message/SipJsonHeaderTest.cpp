@@ -225,6 +225,29 @@ TEST(SipJsonHeader, IndexPastTheEndOrNegativeReadsFallbacks) {
   EXPECT_EQ(1u, message.Status());
 }
 
+// Keys are compared byte for byte including their length, and of several
+// members with the same name the first one is the one read and written.
+TEST(SipJsonHeader, MemberLookupIsExactAndTheFirstMatchWins) {
+  SipJson message;
+  Load(message,
+       R"({"SIP":{"V":1,"CMD":[{"O":7,"OCX":8,"oc":9,"OC\u0000":10,"OC":1,"ST":3,"OC":2,)"
+       R"("ST":4,"DA":5,"DA":"x"}],"CMD":[{"OC":98}]},"SIP":{"V":1,"CMD":[{"OC":99}]}})");
+  EXPECT_EQ(1u, message.OpCode());
+  EXPECT_EQ(3u, message.Status());
+  EXPECT_EQ(0u, message.ObjectId());
+  EXPECT_EQ(6u, message.GetCmdDataType(0));
+  EXPECT_EQ(5u, message.UIntValue());
+  EXPECT_EQ(7u, message.GetCmdValue(0, "O", 0));
+  EXPECT_EQ(0u, message.GetCmdValue(0, "OCXY", 0));
+
+  message.SetStatus(0);
+  message.SetCmdValue(message.GetCmd(), "OC", 5, 0);
+  EXPECT_EQ(
+      R"({"SIP":{"V":1,"CMD":[{"O":7,"OCX":8,"oc":9,"OC\u0000":10,"OC":5,"ST":0,"OC":2,)"
+      R"("ST":4,"DA":5,"DA":"x"}],"CMD":[{"OC":98}]},"SIP":{"V":1,"CMD":[{"OC":99}]}})",
+      message.ToJson());
+}
+
 TEST(SipJsonHeader, FindCmdMemberWalksTheHeaderPath) {
   SipJson message;
   Load(message, R"({"SIP":{"V":1,"CMD":[{"OC":1},{"OC":2,"DA":"x"}]}})");
