@@ -29,6 +29,11 @@ std::string Addr(const void* pointer) {
 class CSlotModule : public CExtensionModule {
  public:
   ~CSlotModule() override { g_Calls.push_back("~CSlotModule"); }
+  // The matching allocation function: without it the compiler takes the
+  // class's delete for a mismatch with the global new (-Wmismatched-new-delete
+  // at -O0, which the sanitizer builds use).
+  static void* operator new(std::size_t size) { return ::operator new(size); }
+  static void* operator new(std::size_t, void* place) { return place; }
   static void operator delete(void* pointer) {
     g_Calls.push_back("delete");
     ::operator delete(pointer);
