@@ -477,6 +477,71 @@ TEST_F(ModuleUnitTest, DirectoryNamedKorvexCountsAsInstalledAndStartsTheWorker) 
   EXPECT_EQ(1u, CountOf(stopped, "\nCTaskSerializer     : EXIT THREAD TaskHandler()!"));
 }
 
+namespace {
+
+// Gives the test the worker's thread id, which the naming and exit lines
+// carry.
+class CWorkerIdModule : public EM_KORVEX {
+ public:
+  unsigned int WorkerId() const { return static_cast<unsigned int>(m_Thread.m_ThreadId); }
+};
+
+std::string Hex8(unsigned int value) {
+  char text[16];
+  std::snprintf(text, sizeof(text), "0x%08X", value);
+  return text;
+}
+
+}  // namespace
+
+// Every line of a successful Start and of the Stop of its running worker at
+// host trace levels 1 to 3. The worker's own lines up to its exit are level
+// 4 and 5; at these levels only the calling thread's lines and the worker's
+// level-1 exit line remain, and the latter is written before Stop's wait for
+// the worker returns, so the whole trace has one order.
+TEST_F(ModuleUnitTest, StartWithTheToolAndStopTraceEachLineAtItsLevel) {
+  const std::string debugName = Debug.m_DebugName;
+  halvane::SetDebugName("ModuleUnitHost");
+  SetToolRoot(m_Dir.Path());
+  WriteTool(m_Dir.Path(), "exit 0");
+  for (unsigned int level = 1; level <= 3; ++level) {
+    halvane::SetTraceLevel(level);
+    CWorkerIdModule module;
+    halvane::TakeTrace();
+    ASSERT_EQ(1, module.Start(nullptr, 0)) << "host trace level " << level;
+    const std::string started = halvane::TakeTrace();
+    const unsigned int worker = module.WorkerId();
+    ASSERT_NE(0u, worker);
+
+    std::vector<CLine> startLines = StartHeadLines("Halvane Server Control");
+    Append(startLines, GetPathLines(Root()));
+    Append(startLines, StartPathLines(Root()));
+    Append(startLines,
+           {{1, "\nEM_KORVEX (Start)   : -> Korvex is installed - module will be started"},
+            {3, "\nEM_KORVEX (Start)   : Start task handler"},
+            {4, "\nCTaskSerializer     : StartSerialization!"},
+            {1, "CThread::SetThreadName: ThreadId = " + Hex8(worker) +
+                    ", DebugName = ModuleUnitHost, Qualifier = (_TaskHndlr)\n"},
+            {1, "\n\nEM_KORVEX (Start)   : Start of module completed"},
+            {1, "\n" + Rule() + "\n"}});
+    EXPECT_EQ(TraceUpTo(startLines, level), started) << "host trace level " << level;
+
+    EXPECT_EQ(1, module.Stop());
+    const std::vector<CLine> stopLines = {
+        {1, "\n\n" + Rule()},
+        {1, "\n### Stopping module EM_KORVEX ###\n"},
+        {4, "\nCTaskSerializer     : TerminateSerialization!"},
+        {1,
+         "THREAD_RETURN: ## INFO: Thread = " + Hex8(worker) + " exited, Return = 0x00000000##\n"},
+        {4, "\nEM_KORVEX (Stop)    : Korvex process not running, can stop module immediately"},
+        {1, "\n\n### Stop of module EM_KORVEX completed successfully ###"},
+        {1, "\n" + Rule() + "\n"}};
+    EXPECT_EQ(TraceUpTo(stopLines, level), halvane::TakeTrace()) << "host trace level " << level;
+  }
+  halvane::SetTraceLevel(5);
+  halvane::SetDebugName(debugName.c_str());
+}
+
 TEST_F(ModuleUnitTest, StartAgainAfterStopRecomputesTheInstalledFlag) {
   SetToolRoot(m_Dir.Path());
   EM_KORVEX module;
