@@ -489,6 +489,70 @@ TEST_F(DispatchTest, TransferTaskWithoutArchiveIsAnsweredWith3) {
   EXPECT_TRUE(recordingSwitch.AsyncRequests().empty());
 }
 
+TEST_F(DispatchTest, TransferTaskLinesAreWrittenAtTheirLevels) {
+  CRecordingSwitch recordingSwitch;
+  EM_KORVEX module;
+  module.m_pSwitch = &recordingSwitch;
+  SetPaths(module);
+  ExpectTraceAtEveryLevel(
+      [&] {
+        SipJson task;
+        Load(task, R"({"SIP":{"V":1,"CMD":[{"OC":13314,"TO":20,"DA":"f.zip","ST":1}]}})");
+        halvane::TakeTrace();
+        module.OnTaskExecution(task, EM_KORVEX::TASK_PRIORITY_0);
+        return halvane::TakeTrace();
+      },
+      [] {
+        return std::vector<CLine>{
+            {3, "\n"},
+            {2, "\nEM_KORVEX           : Transfer Korvex archive to BMC (async in TaskSerializer)"},
+            {3, "\nEM_KORVEX (Transfer): Transfer archive to BMC, timeout=20 sec."},
+            {3, "\nEM_KORVEX (Transfer):   ...BMC local name = \"f.zip\""},
+            {1,
+             "\n\nEM_KORVEX (Transfer): ## ERROR! Korvex archive does not exist - cannot transfer "
+             "file!\n"}};
+      });
+  const std::vector<CRecordingSwitch::CCall> replies = recordingSwitch.Replies();
+  ASSERT_EQ(5u, replies.size());
+  for (const CRecordingSwitch::CCall& reply : replies) {
+    EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13314,"TO":20,"DA":"f.zip","ST":3}]}})", reply.m_Json);
+  }
+}
+
+TEST_F(DispatchTest, CreationTaskLinesAreWrittenAtTheirLevels) {
+  CRecordingSwitch recordingSwitch;
+  EM_KORVEX module;
+  module.m_pSwitch = &recordingSwitch;
+  SetPaths(module);
+  // With the switch going down the job ends at once, so the task's own lines
+  // and the job's one line are all there is.
+  EXPECT_EQ(0, module.Notify(0x20000, nullptr, nullptr));
+  ExpectTraceAtEveryLevel(
+      [&] {
+        SipJson task;
+        Load(task, R"({"SIP":{"V":1,"CMD":[{"OC":13313,"ST":1}]}})");
+        halvane::TakeTrace();
+        module.OnTaskExecution(task, EM_KORVEX::TASK_PRIORITY_0);
+        return halvane::TakeTrace();
+      },
+      [] {
+        return std::vector<CLine>{
+            {3, "\n"},
+            {2,
+             "\nEM_KORVEX           : Create Korvex archive, may take several minutes (async in "
+             "TaskSerializer)"},
+            {2,
+             "\n\nEM_KORVEX (Create)  : ## NOTE: SWITCH shutdown in progress - do not create "
+             "archive"}};
+      });
+  const std::vector<CRecordingSwitch::CCall> replies = recordingSwitch.Replies();
+  ASSERT_EQ(5u, replies.size());
+  for (const CRecordingSwitch::CCall& reply : replies) {
+    EXPECT_EQ(static_cast<CIExtensionModule*>(&module), reply.m_pSender);
+    EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"ST":6}]}})", reply.m_Json);
+  }
+}
+
 TEST_F(DispatchTest, CreationTaskIsAnsweredOnceAfterTheToolEnded) {
   CRecordingSwitch recordingSwitch;
   EM_KORVEX module;
