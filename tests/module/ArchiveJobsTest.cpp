@@ -222,6 +222,54 @@ TEST_F(CreationTest, ToolExitingWith1IsReportedAsShutdownTermination) {
   EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"TO":30,"ST":6}]}})", m_Json);
 }
 
+TEST_F(CreationTest, ToolTerminatedByStopGives6WithTheShutdownTrace) {
+  // The job runs on a thread of the test's, as it would on the worker; Stop
+  // on this thread finds the published id and ends the tool with exit code 1.
+  CFifo started(m_Dir / "started");
+  ASSERT_TRUE(started.Valid());
+  WriteTool(m_Dir.Path(), "echo $$ > '" + started.Path() + "'\nsleep 60\nexit 0");
+  SipJson request;
+  Load(request, R"({"SIP":{"V":1,"CMD":[{"OC":13313,"TO":30,"ST":1}]}})");
+  halvane::TakeTrace();
+  bool result = true;
+  std::thread job([&] { result = m_Module.StartArchiveCreation(request); });
+  std::string pid;
+  const bool running = started.ReadLine(pid, 30000);
+  unsigned int published = 0;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (running && published == 0 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::yield();
+    published = __atomic_load_n(&m_Module.m_ToolProcessId, __ATOMIC_ACQUIRE);
+  }
+  EXPECT_EQ(1, m_Module.Stop());
+  job.join();
+  ASSERT_TRUE(running);
+  ASSERT_EQ(pid, std::to_string(published));
+
+  EXPECT_FALSE(result);
+  EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"TO":30,"ST":6}]}})", request.ToJson());
+  EXPECT_EQ(0u, m_Module.m_ToolProcessId);
+  EXPECT_FALSE(Exists(Archive()));
+  // The job's lines in their order, and Stop's; the two threads write side
+  // by side.
+  const std::string trace = halvane::TakeTrace();
+  std::vector<std::string> jobLines;
+  std::vector<CLine> expected = CreateHeadLines(30, false);
+  Append(expected, RunLines(Root() + "Korvex"));
+  expected.push_back({2,
+                      "\nEM_KORVEX (Create)  : ## Korvex archive process was terminated because "
+                      "of module shutdown!"});
+  for (const CLine& line : expected) jobLines.push_back(line.m_Text);
+  EXPECT_TRUE(ContainsInOrder(trace, jobLines));
+  EXPECT_TRUE(ContainsInOrder(
+      trace,
+      {"\nEM_KORVEX (Stop)    : -> Korvex archive creation in progress - terminate process (#" +
+           pid + ") and wait for exit...",
+       "\nEM_KORVEX (Stop)    : Korvex process exit"}));
+  EXPECT_EQ(1u, CountOf(trace, "terminated because of module shutdown!"));
+  EXPECT_EQ(0u, CountOf(trace, "terminated unsuccessfully"));
+}
+
 TEST_F(CreationTest, ToolExitingWithAnotherCodeIsReportedWithIt) {
   for (const auto& exitCode :
        std::vector<std::pair<int, std::string>>{{7, "0x07"}, {200, "0xC8"}}) {
