@@ -291,9 +291,13 @@ TEST_F(CreationTest, ToolExitingWithAnotherCodeIsReportedWithIt) {
 }
 
 TEST_F(CreationTest, ToolThatCannotBeRunGives6WithoutFurtherTrace) {
-  // No executable under the root at all.
+  // No executable under the root at all. The id left by an earlier run is
+  // cleared before the attempt, and a failed start writes no id.
   ExpectTraceAtEveryLevel(
-      [&] { return Run(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"TO":30,"ST":1}]}})"); },
+      [&] {
+        m_Module.m_ToolProcessId = 4242;
+        return Run(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"TO":30,"ST":1}]}})");
+      },
       [&] {
         std::vector<CLine> lines = CreateHeadLines(30, false);
         lines.push_back({3, "\nEM_KORVEX (Create)  :   create Korvex process, command line: " +
