@@ -34,7 +34,10 @@ struct CWindow {
 };
 thread_local CWindow t_Window;
 
-void NoteAllocation(const void* block, std::size_t size) {
+// The block is taken as a plain pointer: given a pointer to const, GCC
+// assumes the fresh, uninitialised block is read and warns at -O0 with the
+// sanitizers (-Wmaybe-uninitialized). Only the address is kept.
+void NoteAllocation(void* block, std::size_t size) {
   CWindow& window = t_Window;
   if (!window.m_Active || size != window.m_Size) return;
   ++window.m_Allocated;
