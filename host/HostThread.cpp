@@ -48,7 +48,14 @@ struct CThreadRecord {
   std::condition_variable m_Changed;
   bool m_Go = false;                   // Start has finished the bookkeeping
   bool m_Abandon = false;              // Start failed after creating: do not run
-  bool m_Ended = false;                // the thread function returned or unwound
+  // The thread function returned or unwound. Written and read under
+  // m_Mutex like m_Go, and atomic besides: a thread cancelled inside a
+  // blocking call that ThreadSanitizer intercepts (a sleep, poll, read) is
+  // left with that runtime's per-thread state of the abandoned call, and
+  // the race detector no longer sees its locking. The write while it
+  // unwinds would then be taken for a race with every earlier read; an
+  // atomic access never is.
+  std::atomic<bool> m_Ended{false};
 
   // Exactly one caller may join (or detach) the thread; whoever flips this
   // first owns the id from then on. Cancelling or joining an id that was
@@ -148,11 +155,11 @@ void EraseRecord(const CThread& thread, const CRecordPtr& record) {
 bool WaitEnded(CThreadRecord& record, unsigned int timeoutMs) {
   std::unique_lock<std::mutex> lock(record.m_Mutex);
   if (timeoutMs == CEvent::kInfinite) {
-    record.m_Changed.wait(lock, [&] { return record.m_Ended; });
+    record.m_Changed.wait(lock, [&] { return record.m_Ended.load(); });
     return true;
   }
   return record.m_Changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                   [&] { return record.m_Ended; });
+                                   [&] { return record.m_Ended.load(); });
 }
 
 // The host's part of a thread's start in the monitor: thread id and the
@@ -309,12 +316,8 @@ int CThread::Kill(unsigned int /*exitCode*/) {
   } else {
     pthread_cancel(record->m_Id);
     // The end of a cancelled thread is learnt from the join itself, not from
-    // the end flag it sets while it unwinds. A thread cancelled inside a
-    // blocking call that ThreadSanitizer intercepts (a sleep, poll, read;
-    // its condition-variable waits are the exception) leaves the sanitizer's
-    // per-thread state in the abandoned call, and the race detector no
-    // longer sees that thread's later locking: it would take the flag's
-    // hand-over under the mutex for a data race. A join it always sees.
+    // the end flag it sets while it unwinds (see m_Ended): its locking may be
+    // invisible to ThreadSanitizer, a join never is.
     timespec deadline{};
     clock_gettime(CLOCK_REALTIME, &deadline);
     deadline.tv_sec += static_cast<time_t>(kKillUnwindLimit.count());
