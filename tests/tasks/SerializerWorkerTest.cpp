@@ -595,15 +595,6 @@ TEST_F(SerializerWorkerKill, WorkerBlockedInAnEventWaitIsKilledAndTheProcessLive
 }
 
 TEST_F(SerializerWorkerKill, WorkerBlockedInAChildProcessIsKilledAndTheChildCanBeEnded) {
-#if defined(__SANITIZE_THREAD__)
-  // The thread sanitizer's bookkeeping of a blocking system call (here the
-  // wait for the child) is not unwound when the thread is cancelled inside
-  // it; everything the dying thread does afterwards is invisible to it and
-  // shows up as false races. Cancellation inside a condition-variable wait
-  // is supported and covered by the test above.
-  GTEST_SKIP() << "thread cancellation inside a blocking system call is not supported by the "
-                  "thread sanitizer";
-#endif
   char directory[] = "/tmp/serializer-tests-XXXXXX";
   ASSERT_NE(nullptr, mkdtemp(directory));
   const std::string sleeper = std::string(directory) + "/sleeper";
