@@ -15,6 +15,7 @@
 // answers (0, 8, nothing, 12); the rest is the JSON text. (The switch's
 // shutdown notice is left out: it is for good, and every later job would
 // answer 6 without reaching the code worth fuzzing.)
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>

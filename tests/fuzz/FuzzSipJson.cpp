@@ -293,7 +293,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     (void)target.ToJson();
     target.m_Nested = selector & 32u ? 1u : 0u;
     target.SetNumber("FileType", 2, 1);
-    target.SetString("LocalFilePath", text[0] == '\0' ? "x" : "y");
+    target.SetString("LocalFilePath", length != 0 && text[0] == 0 ? "x" : "y");
     target.HasMember("FileType");
   }
   return 0;  // the message frees its extra string
