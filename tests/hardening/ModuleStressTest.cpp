@@ -390,7 +390,7 @@ TEST_F(ModuleStress, FourThreadsOfRequestsWhileTasksRunBalance) {
         SendOne(module, i + t, t * 1000000u + i + 1u, queued, immediate, wrong, wrongText);
         // Now and then a pause, so that the worker gets the queue back
         // below full and more of the requests are run, not refused.
-        if (i % 64 == 63) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        if (i % 16 == 15) std::this_thread::sleep_for(std::chrono::milliseconds(2));
       }
       acks.Merge(queued, immediate, wrong, wrongText);
     });
