@@ -15,8 +15,10 @@
 // answers (0, 8, nothing, 12); the rest is the JSON text. (The switch's
 // shutdown notice is left out: it is for good, and every later job would
 // answer 6 without reaching the code worth fuzzing.)
-#include <sys/stat.h>
-#include <unistd.h>
+#include "frame/ExtensionModule.h"
+#include "frame/ModuleEntry.h"
+#include "host/HostControl.h"
+#include "message/SipJson.h"
 
 #include <atomic>
 #include <cstddef>
@@ -24,11 +26,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-
-#include "frame/ExtensionModule.h"
-#include "frame/ModuleEntry.h"
-#include "host/HostControl.h"
-#include "message/SipJson.h"
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 

@@ -9,21 +9,20 @@
 // waits and "start"/"stop" cost nothing; the real module is fuzzed by
 // fuzz_module_request. The input reaches the session through a memory file
 // descriptor, the output goes to /dev/null.
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-
 #include "frame/ExtensionModule.h"
 #include "host/HostControl.h"
 #include "host/emhost/HostSwitch.h"
 #include "host/emhost/ModuleHost.h"
 #include "host/emhost/ServeSession.h"
 #include "host/emhost/Signals.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace {
 

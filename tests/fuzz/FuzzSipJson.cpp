@@ -6,18 +6,18 @@
 // Input: byte 0 is the current command index (signed, -128..127), byte 1
 // selects the value written and the nested mode of the data readers, the
 // rest is the JSON text.
+#include "frame/ExtensionModule.h"
+#include "host/HostControl.h"
+#include "message/DataStruct.h"
+#include "message/RapidJsonUtil.h"
+#include "message/SipJson.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
-
-#include "frame/ExtensionModule.h"
-#include "host/HostControl.h"
-#include "message/DataStruct.h"
-#include "message/RapidJsonUtil.h"
-#include "message/SipJson.h"
 
 namespace {
 

@@ -4,20 +4,19 @@
 // symbolic link planted in the BMC directory. Checked on the file-transfer
 // module alone and end to end through em-host and the module, against a
 // snapshot of the whole area around the BMC directory.
-#include <sys/stat.h>
-#include <unistd.h>
+#include "host/emhost/BmcFileTransfer.h"
+#include "tests/hardening/HardeningSupport.h"
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <set>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "host/emhost/BmcFileTransfer.h"
-#include "tests/hardening/HardeningSupport.h"
 
 namespace hardening {
 namespace {
@@ -47,27 +46,27 @@ class BmcPath : public ::testing::Test {
   std::vector<std::string> RefusedNames() const {
     const std::string evil = m_Marker;
     return {
-        m_Outside + "/" + evil,                  // absolute, into the area
-        "/" + evil,                              // absolute, into /
-        "/tmp/" + evil,                          //
-        "../outside/" + evil,                    // up and over
-        "../" + evil,                            //
-        "..",                                    //
-        ".",                                     //
-        "",                                      //
-        "a/../../" + evil,                       //
-        "....//" + evil,                         //
-        "..." ,                                  // holds ".."
-        evil + "/",                              //
-        "dirlink/" + evil,                       // through the planted link
-        "link/" + evil,                          //
-        "sub\\..\\..\\" + evil,                  //
-        std::string("ok\0/../../", 10) + evil,   // a NUL inside
-        std::string("\0", 1),                    //
-        "new\nline",                             //
-        std::string(201, 'n'),                   // one over the limit
-        std::string(10000, 'a'),                 // 10,000 characters
-        [] {                                     // 10,000 characters of "../"
+        m_Outside + "/" + evil,                 // absolute, into the area
+        "/" + evil,                             // absolute, into /
+        "/tmp/" + evil,                         //
+        "../outside/" + evil,                   // up and over
+        "../" + evil,                           //
+        "..",                                   //
+        ".",                                    //
+        "",                                     //
+        "a/../../" + evil,                      //
+        "....//" + evil,                        //
+        "...",                                  // holds ".."
+        evil + "/",                             //
+        "dirlink/" + evil,                      // through the planted link
+        "link/" + evil,                         //
+        "sub\\..\\..\\" + evil,                 //
+        std::string("ok\0/../../", 10) + evil,  // a NUL inside
+        std::string("\0", 1),                   //
+        "new\nline",                            //
+        std::string(201, 'n'),                  // one over the limit
+        std::string(10000, 'a'),                // 10,000 characters
+        [] {                                    // 10,000 characters of "../"
           std::string s;
           while (s.size() < 10000) s += "../";
           return s;
@@ -77,7 +76,10 @@ class BmcPath : public ::testing::Test {
 
   // Names that stay inside the BMC directory and are stored there.
   std::vector<std::string> AcceptedNames() const {
-    return {"plain.zip", "link", "dirlink", "~", "-rf", " ", ".hidden", "%2e%2e%2f" + m_Marker,
+    return {"plain.zip",     "link",
+            "dirlink",       "~",
+            "-rf",           " ",
+            ".hidden",       "%2e%2e%2f" + m_Marker,
             "u\xc3\xbc.zip", std::string(200, 'm')};
   }
 
@@ -218,12 +220,12 @@ TEST_F(BmcPath, ThroughTheModuleNoNameLeavesTheDirectory) {
     cases.push_back({RawBlock(name + std::string(1, '\0')), BMC_NAME_REFUSED, ""});
   }
   // A NUL inside the block ends the name: what follows it is never used.
-  cases.push_back({RawBlock(std::string("raw-ok.zip\0../outside/", 22) + m_Marker), BMC_OK,
-                   "raw-ok.zip"});
-  cases.push_back({RawBlock("../outside/" + m_Marker + std::string("\0ok", 3)), BMC_NAME_REFUSED,
-                   ""});
-  cases.push_back({JsonText(std::string("str-ok.zip\0/../../", 18) + m_Marker), BMC_OK,
-                   "str-ok.zip"});
+  cases.push_back(
+      {RawBlock(std::string("raw-ok.zip\0../outside/", 22) + m_Marker), BMC_OK, "raw-ok.zip"});
+  cases.push_back(
+      {RawBlock("../outside/" + m_Marker + std::string("\0ok", 3)), BMC_NAME_REFUSED, ""});
+  cases.push_back(
+      {JsonText(std::string("str-ok.zip\0/../../", 18) + m_Marker), BMC_OK, "str-ok.zip"});
   cases.push_back({RawBlock(std::string(10000, 'r')), BMC_NAME_REFUSED, ""});
   for (const std::string& name : AcceptedNames()) {
     cases.push_back({JsonText(name), BMC_OK, name});
@@ -237,11 +239,13 @@ TEST_F(BmcPath, ThroughTheModuleNoNameLeavesTheDirectory) {
     const int id = static_cast<int>(i + 1);
     host.Send(TransferLine(id, cases[i].m_Data));
     const std::string prefix = "{\"id\":" + std::to_string(id) + ",\"event\":\"reply\"";
-    ASSERT_TRUE(host.WaitForLine(
-        [&](const std::string& l) { return l.rfind(prefix, 0) == 0; }, 60s))
-        << "case " << id << ": no reply\n" << host.Output() << host.Errors();
+    ASSERT_TRUE(
+        host.WaitForLine([&](const std::string& l) { return l.rfind(prefix, 0) == 0; }, 60s))
+        << "case " << id << ": no reply\n"
+        << host.Output() << host.Errors();
     const std::vector<std::string> lines = host.OutputLines();
-    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), TransferReply(id, cases[i].m_Status)))
+    EXPECT_NE(lines.end(),
+              std::find(lines.begin(), lines.end(), TransferReply(id, cases[i].m_Status)))
         << "case " << id << ": " << cases[i].m_Data.substr(0, 80);
     if (!cases[i].m_Stored.empty()) {
       stored.insert(cases[i].m_Stored);

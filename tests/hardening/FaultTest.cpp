@@ -8,19 +8,18 @@
 // terminated tool 2 s; em-host's --timeout S adds S. The bounds below are
 // far above that sum so that a loaded machine with sanitizers does not fail
 // them; a hang still shows, as a bound of tens of seconds instead of never.
-#include <signal.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <chrono>
-#include <string>
-#include <vector>
+#include "tests/hardening/HardeningSupport.h"
 
 #include <gtest/gtest.h>
 
-#include "tests/hardening/HardeningSupport.h"
+#include <algorithm>
+#include <chrono>
+#include <signal.h>
+#include <string>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
 
 namespace hardening {
 namespace {
@@ -44,6 +43,20 @@ bool Contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
+// The module answers 5 while any "Korvex" runs anywhere on the machine.
+// Suites of this project take a ctest lock for that; a foreign process (a
+// second test run on the same machine) is not held back by it. A case that
+// meets one says so and is skipped rather than failed.
+bool MetForeignKorvex(const std::string& output) {
+  return output.find(R"("ST":5}],"C":true)") != std::string::npos ||
+         output.find("status 5: another Korvex collection is already running") != std::string::npos;
+}
+
+#define SKIP_IF_FOREIGN_KORVEX(text)                                              \
+  if (MetForeignKorvex(text)) {                                                   \
+    GTEST_SKIP() << "a Korvex process of somebody else ran meanwhile (status 5)"; \
+  }
+
 class Fault : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -62,13 +75,14 @@ class Fault : public ::testing::Test {
   void TearDown() override {
     // Nothing of a case may outlive it; the kill is only the clean-up after
     // a failure, so that one failing case does not poison the next.
-    EXPECT_TRUE(WaitUntilNoneNamed("Korvex", 10s)) << "a Korvex process was left running";
-    KillAllNamed("Korvex");
+    EXPECT_TRUE(WaitUntilNoneNamed("Korvex", 10s, m_Area.Path()))
+        << "a Korvex process was left running";
+    KillAllNamed("Korvex", m_Area.Path());
   }
 
   std::vector<std::string> ServeArguments(const std::string& root) const {
-    return {"--tool-root", root,    "--bmc-dir",     m_Bmc, "--trace",
-            m_Trace,       "--trace-level", "3",     "serve"};
+    return {"--tool-root",   root, "--bmc-dir", m_Bmc, "--trace", m_Trace,
+            "--trace-level", "3",  "serve"};
   }
 
   // A tool that blocks on the fifo without a child of its own (read is a
@@ -91,13 +105,19 @@ TEST_F(Fault, ToolKilledFromOutsideWithSigkillAnswersStatusSix) {
   host.Send(kCreateRequest);
   ASSERT_TRUE(host.WaitForLine([](const std::string& l) { return l == kCreateAck; }, kReplyBound))
       << host.Output() << host.Errors();
-  ASSERT_TRUE(WaitUntil([&] { return Exists(pidFile); }, kReplyBound));
+  ASSERT_TRUE(WaitUntil(
+      [&] {
+        host.WaitForLine([](const std::string&) { return false; }, std::chrono::milliseconds(1));
+        return Exists(pidFile) || MetForeignKorvex(host.Output());
+      },
+      kReplyBound));
+  SKIP_IF_FOREIGN_KORVEX(host.Output());
   const pid_t tool = static_cast<pid_t>(std::stol(ReadFile(pidFile)));
   ASSERT_EQ(0, ::kill(tool, SIGKILL));
 
   // A signal's death is reported as 128 + 9 and judged as a failed run.
-  EXPECT_TRUE(host.WaitForLine([](const std::string& l) { return l == CreateReply(6); },
-                               kReplyBound))
+  EXPECT_TRUE(
+      host.WaitForLine([](const std::string& l) { return l == CreateReply(6); }, kReplyBound))
       << host.Output();
   host.Send(R"({"id":2,"control":"quit"})");
   EXPECT_EQ(0, host.WaitForExit(kStopBound)) << host.Errors();
@@ -117,23 +137,28 @@ TEST_F(Fault, ToolThatLeavesAGrandchildRunningLeavesNothingBehind) {
                                       "exit 0");
   CEmHost host(ServeArguments(m_Root));
   host.Send(kCreateRequest);
+  host.WaitForLine(
+      [](const std::string& l) { return l.find("\"event\":\"reply\"") != std::string::npos; },
+      kReplyBound);
+  SKIP_IF_FOREIGN_KORVEX(host.Output());
   EXPECT_TRUE(host.WaitForLine([](const std::string& l) { return l == CreateReply(0); },
-                               kReplyBound))
+                               std::chrono::milliseconds(1)))
       << host.Output() << host.Errors();
   ASSERT_TRUE(Exists(orphanPid));
   // The tool has ended and was answered for; what it left in its process
   // group is ended with it.
-  EXPECT_TRUE(WaitUntilNoneNamed("kvx-orphan", 10s)) << "the tool's grandchild was left running";
-  KillAllNamed("kvx-orphan");
+  EXPECT_TRUE(WaitUntilNoneNamed("kvx-orphan", 10s, m_Area.Path()))
+      << "the tool's grandchild was left running";
+  KillAllNamed("kvx-orphan", m_Area.Path());
   host.Send(R"({"id":2,"control":"quit"})");
   EXPECT_EQ(0, host.WaitForExit(kStopBound)) << host.Errors();
 }
 
 TEST_F(Fault, ToolThatClosesItsOutputAndHangsIsEndedByTheTimeout) {
   WriteScript(m_Root + "/Korvex", "exec 1>&- 2>&-\n" + BlockOnFifo() + "exit 0");
-  const CResult result =
-      RunEmHost({"--tool-root", m_Root, "--bmc-dir", m_Bmc, "create", "--timeout", "2"},
-                2s + kStopBound);
+  const CResult result = RunEmHost(
+      {"--tool-root", m_Root, "--bmc-dir", m_Bmc, "create", "--timeout", "2"}, 2s + kStopBound);
+  SKIP_IF_FOREIGN_KORVEX(result.m_Err);
   EXPECT_EQ(4, result.m_Exit) << result.m_Out << result.m_Err;
   EXPECT_TRUE(Contains(result.m_Err, "em-host: create:")) << result.m_Err;
   EXPECT_LT(result.m_Seconds, std::chrono::duration<double>(2s + kStopBound).count());
@@ -145,8 +170,11 @@ TEST_F(Fault, ToolThatClosesItsOutputAndHangsIsEndedWhenTheSessionEnds) {
   host.Send(kCreateRequest);
   ASSERT_TRUE(host.WaitForLine([](const std::string& l) { return l == kCreateAck; }, kReplyBound))
       << host.Output() << host.Errors();
-  ASSERT_TRUE(WaitUntil([] { return !ProcessesNamed("Korvex").empty(); }, kReplyBound));
+  ASSERT_TRUE(
+      WaitUntil([&] { return !ProcessesNamed("Korvex", m_Area.Path()).empty(); }, kReplyBound));
   host.Send(R"({"id":2,"control":"wait","timeout_ms":1500})");
+  host.WaitForLineContaining(R"("control":"wait")", kReplyBound);
+  SKIP_IF_FOREIGN_KORVEX(host.Output());
   EXPECT_TRUE(host.WaitForLine(
       [](const std::string& l) {
         return l == R"({"id":2,"event":"control","control":"wait","result":0})";
@@ -191,8 +219,12 @@ TEST_F(Fault, ArchiveRootThatIsNotWritableAnswersStatusSix) {
 
   CEmHost host(ServeArguments(root));
   host.Send(kCreateRequest);
+  host.WaitForLine(
+      [](const std::string& l) { return l.find("\"event\":\"reply\"") != std::string::npos; },
+      kReplyBound);
+  SKIP_IF_FOREIGN_KORVEX(host.Output());
   EXPECT_TRUE(host.WaitForLine([](const std::string& l) { return l == CreateReply(6); },
-                               kReplyBound))
+                               std::chrono::milliseconds(1)))
       << host.Output() << host.Errors();
   host.Send(R"({"id":2,"control":"quit"})");
   EXPECT_EQ(0, host.WaitForExit(kStopBound)) << host.Errors();
@@ -211,14 +243,15 @@ TEST_F(Fault, ArchiveRootThatIsNotWritableAnswersStatusSix) {
 
 TEST_F(Fault, RootPathWithSpacesAndShellMetacharactersIsUsedLiterally) {
   // Would a shell ever see the path, one of these would create KVX_PWNED.
-  const std::string name = "a b;c $(touch KVX_PWNED) `touch KVX_PWNED` && | < > ' \" * ? ! # ~ % \\";
+  const std::string name =
+      "a b;c $(touch KVX_PWNED) `touch KVX_PWNED` && | < > ' \" * ? ! # ~ % \\";
   const std::string root = m_Area.Dir(name);
   ASSERT_TRUE(Exists(root + "/"));
   WriteScript(root + "/Korvex", "echo archive > \"$(dirname \"$0\")/Korvex_Data.zip\"\nexit 0");
-  const CResult result =
-      RunEmHost({"--tool-root", root, "--bmc-dir", m_Bmc, "--trace", m_Trace, "--trace-level", "3",
-                 "collect", "k.zip"},
-                kReplyBound + kStopBound, m_Area.Path());
+  const CResult result = RunEmHost({"--tool-root", root, "--bmc-dir", m_Bmc, "--trace", m_Trace,
+                                    "--trace-level", "3", "collect", "k.zip"},
+                                   kReplyBound + kStopBound, m_Area.Path());
+  SKIP_IF_FOREIGN_KORVEX(result.m_Err);
   EXPECT_EQ(0, result.m_Exit) << result.m_Out << result.m_Err;
   EXPECT_EQ("archive\n", ReadFile(m_Bmc + "/k.zip"));
   const std::string trace = ReadFile(m_Trace);
@@ -228,7 +261,8 @@ TEST_F(Fault, RootPathWithSpacesAndShellMetacharactersIsUsedLiterally) {
       << trace;
   for (const auto& entry : Snapshot(m_Area.Path())) {
     const std::size_t slash = entry.first.rfind('/');
-    const std::string base = slash == std::string::npos ? entry.first : entry.first.substr(slash + 1);
+    const std::string base =
+        slash == std::string::npos ? entry.first : entry.first.substr(slash + 1);
     EXPECT_NE("KVX_PWNED", base) << entry.first;
   }
   EXPECT_FALSE(Exists("KVX_PWNED"));
@@ -246,8 +280,8 @@ TEST_F(Fault, ToolThatIsADirectoryCountsAsInstalledAndAnswersStatusSix) {
 
   CEmHost host(ServeArguments(m_Root));
   host.Send(kCreateRequest);
-  EXPECT_TRUE(host.WaitForLine([](const std::string& l) { return l == CreateReply(6); },
-                               kReplyBound))
+  EXPECT_TRUE(
+      host.WaitForLine([](const std::string& l) { return l == CreateReply(6); }, kReplyBound))
       << host.Output() << host.Errors();
   host.Send(R"({"id":2,"control":"quit"})");
   EXPECT_EQ(0, host.WaitForExit(kStopBound)) << host.Errors();
@@ -264,7 +298,9 @@ TEST_F(Fault, MalformedConfigurationFileIsAClearError) {
       {"empty-key.reg", "[]\n"},
       {"double-backslash.reg", "[SOFTWARE\\\\Halvane]\n"},
       {"twice.reg", "[A]\nx = 1\nx = 2\n"},
-      {"binary.reg", std::string("\x7f" "ELF\x02\x01\x01\0\0\0\xff\xfe[\x80]\n=\n", 18)},
+      {"binary.reg", std::string("\x7f"
+                                 "ELF\x02\x01\x01\0\0\0\xff\xfe[\x80]\n=\n",
+                                 18)},
   };
   for (const auto& file : files) {
     const std::string path = m_Area / file.first;
@@ -299,8 +335,8 @@ TEST_F(Fault, MissingOrUnreadableConfigurationFileIsAClearError) {
 
 TEST_F(Fault, ConfigurationFileNamingNoToolStopsBeforeAnyRequest) {
   const std::string file = m_Area / "elsewhere.reg";
-  WriteFile(file, "[SOFTWARE\\Halvane\\Korvex\\Setup]\nFileRoot = " + m_Area.Path() +
-                      "/no-such-root\n");
+  WriteFile(file,
+            "[SOFTWARE\\Halvane\\Korvex\\Setup]\nFileRoot = " + m_Area.Path() + "/no-such-root\n");
   CResult result = RunEmHost({"--registry", file, "query"}, kStopBound);
   EXPECT_EQ(1, result.m_Exit) << result.m_Err;
   EXPECT_EQ("not installed\n", result.m_Out);

@@ -2,24 +2,23 @@
 // snapshots, process lookups and em-host on pipes.
 #include "tests/hardening/HardeningSupport.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <fstream>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 extern char** environ;
 
@@ -41,7 +40,8 @@ void SnapshotInto(const std::string& root, const std::string& relative,
   CNode node;
   node.m_Size = static_cast<long long>(info.st_size);
   node.m_Mode = static_cast<unsigned int>(info.st_mode);
-  node.m_MtimeNs = static_cast<long long>(info.st_mtim.tv_sec) * 1000000000LL + info.st_mtim.tv_nsec;
+  node.m_MtimeNs =
+      static_cast<long long>(info.st_mtim.tv_sec) * 1000000000LL + info.st_mtim.tv_nsec;
   node.m_Inode = static_cast<unsigned long long>(info.st_ino);
   if (S_ISREG(info.st_mode)) {
     node.m_Type = 'f';
@@ -77,8 +77,8 @@ void SnapshotInto(const std::string& root, const std::string& relative,
 
 CScratch::CScratch() {
   const char* base = std::getenv("TMPDIR");
-  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
-                        "/korvex-hardening.XXXXXX";
+  std::string pattern =
+      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/korvex-hardening.XXXXXX";
   std::vector<char> buffer(pattern.begin(), pattern.end());
   buffer.push_back('\0');
   if (::mkdtemp(buffer.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
@@ -175,7 +175,7 @@ void RemoveTree(const std::string& path) {
 // ---------------------------------------------------------------------------
 // Processes
 
-std::vector<pid_t> ProcessesNamed(const std::string& name) {
+std::vector<pid_t> ProcessesNamed(const std::string& name, const std::string& under) {
   std::vector<pid_t> found;
   DIR* proc = ::opendir("/proc");
   if (proc == nullptr) return found;
@@ -192,6 +192,7 @@ std::vector<pid_t> ProcessesNamed(const std::string& name) {
     if (paren == std::string::npos || paren + 2 >= stat.size()) continue;
     const char state = stat[paren + 2];
     if (state == 'Z' || state == 'X' || state == 'x') continue;
+    if (!under.empty() && ReadFile(base + "/cmdline").find(under) == std::string::npos) continue;
     found.push_back(static_cast<pid_t>(pid));
   }
   ::closedir(proc);
@@ -207,12 +208,14 @@ bool WaitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds
   }
 }
 
-bool WaitUntilNoneNamed(const std::string& name, std::chrono::milliseconds timeout) {
-  return WaitUntil([&] { return ProcessesNamed(name).empty(); }, timeout);
+bool WaitUntilNoneNamed(const std::string& name, std::chrono::milliseconds timeout,
+                        const std::string& under) {
+  return WaitUntil([&] { return ProcessesNamed(name, under).empty(); }, timeout);
 }
 
-void KillAllNamed(const std::string& name) {
-  for (const pid_t pid : ProcessesNamed(name)) ::kill(pid, SIGKILL);
+void KillAllNamed(const std::string& name, const std::string& under) {
+  if (under.empty()) return;
+  for (const pid_t pid : ProcessesNamed(name, under)) ::kill(pid, SIGKILL);
 }
 
 // ---------------------------------------------------------------------------
@@ -405,7 +408,8 @@ CResult RunEmHost(const std::vector<std::string>& arguments, std::chrono::millis
   host.CloseInput();
   CResult result;
   result.m_Exit = host.WaitForExit(timeout);
-  result.m_Seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  result.m_Seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   result.m_Out = host.Output();
   result.m_Err = host.Errors();
   return result;

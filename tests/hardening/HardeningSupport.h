@@ -4,12 +4,11 @@
 // that leaves something behind may keep em-host's output open).
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <functional>
 #include <map>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace hardening {
@@ -46,13 +45,16 @@ std::string ShellQuote(const std::string& text);
 void RemoveTree(const std::string& path);
 
 // Process ids of the running (not zombie) processes whose name (comm) is
-// exactly name.
-std::vector<pid_t> ProcessesNamed(const std::string& name);
-// Waits up to timeout until no process of that name runs; true when none.
-bool WaitUntilNoneNamed(const std::string& name, std::chrono::milliseconds timeout);
-// SIGKILL to every process of that name (the clean-up after a failure, so
-// that one failing test does not poison the next).
-void KillAllNamed(const std::string& name);
+// exactly name; with under, only those whose command line mentions that
+// path (a test's own tools, not somebody else's of the same name).
+std::vector<pid_t> ProcessesNamed(const std::string& name, const std::string& under = "");
+// Waits up to timeout until no such process runs; true when none.
+bool WaitUntilNoneNamed(const std::string& name, std::chrono::milliseconds timeout,
+                        const std::string& under = "");
+// SIGKILL to every such process (the clean-up after a failure, so that one
+// failing test does not poison the next). Always give under: a test must
+// not end processes of another run on the same machine.
+void KillAllNamed(const std::string& name, const std::string& under);
 // Waits up to timeout for predicate; true when it held.
 bool WaitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout);
 

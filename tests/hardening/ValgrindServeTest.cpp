@@ -8,20 +8,19 @@
 // Status 13 (an exception escaped while a request was dispatched) cannot be
 // provoked from input: the message readers never throw on any document a
 // line can hold. The module's unit tests provoke it with a throwing message.
-#include <signal.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdlib>
-#include <string>
-#include <vector>
+#include "tests/hardening/HardeningSupport.h"
 
 #include <gtest/gtest.h>
 
-#include "tests/hardening/HardeningSupport.h"
+#include <chrono>
+#include <cstdlib>
+#include <signal.h>
+#include <spawn.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
 
 extern char** environ;
 
@@ -43,8 +42,9 @@ std::string Request(int id, const std::string& command) {
 }
 
 std::string Ack(int id, int result, const std::string& command) {
-  return "{\"id\":" + std::to_string(id) + ",\"event\":\"ack\",\"result\":" +
-         std::to_string(result) + ",\"message\":{\"SIP\":{\"V\":1,\"CMD\":[" + command + "]}}}";
+  return "{\"id\":" + std::to_string(id) +
+         ",\"event\":\"ack\",\"result\":" + std::to_string(result) +
+         ",\"message\":{\"SIP\":{\"V\":1,\"CMD\":[" + command + "]}}}";
 }
 
 std::string Reply(int id, const std::string& message) {
@@ -52,8 +52,8 @@ std::string Reply(int id, const std::string& message) {
 }
 
 std::string WaitLine(int id, int result) {
-  return "{\"id\":" + std::to_string(id) + ",\"event\":\"control\",\"control\":\"wait\",\"result\":" +
-         std::to_string(result) + "}";
+  return "{\"id\":" + std::to_string(id) +
+         ",\"event\":\"control\",\"control\":\"wait\",\"result\":" + std::to_string(result) + "}";
 }
 
 TEST(ValgrindServe, EveryReachableStatusWithoutMemoryErrorsOrLeaks) {
@@ -76,9 +76,11 @@ TEST(ValgrindServe, EveryReachableStatusWithoutMemoryErrorsOrLeaks) {
               "case $(cat \"$here/mode\") in\n"
               "  ok) echo archive > \"$here/Korvex_Data.zip\"; exit 0 ;;\n"
               "  fail) exit 3 ;;\n"
-              "  hang) read -r line < " + ShellQuote(fifo) + " ;;\n"
-              "esac\n"
-              "exit 0");
+              "  hang) read -r line < " +
+                  ShellQuote(fifo) +
+                  " ;;\n"
+                  "esac\n"
+                  "exit 0");
   // A Korvex of somebody else, for status 5.
   const std::string foreignDir = area.Dir("foreign");
   const std::string foreignFifo = area / "foreign-block";
@@ -89,14 +91,15 @@ TEST(ValgrindServe, EveryReachableStatusWithoutMemoryErrorsOrLeaks) {
   CEmHost host({"--trace-children=no", "--error-exitcode=99", "--leak-check=full",
                 "--show-leak-kinds=definite,indirect,possible",
                 "--errors-for-leak-kinds=definite,indirect,possible",
-                std::string("--suppressions=") + KORVEX_VALGRIND_SUPPRESSIONS,
-                "--log-file=" + log, EmHostBinary(), "--tool-root", root, "--bmc-dir", bmc,
-                "--trace", area / "trace.txt", "--trace-level", "5", "serve"},
+                std::string("--suppressions=") + KORVEX_VALGRIND_SUPPRESSIONS, "--log-file=" + log,
+                EmHostBinary(), "--tool-root", root, "--bmc-dir", bmc, "--trace",
+                area / "trace.txt", "--trace-level", "5", "serve"},
                "", valgrind);
 
   auto expect = [&](const std::string& line) {
     EXPECT_TRUE(host.WaitForLine([&](const std::string& l) { return l == line; }, 120s))
-        << "missing: " << line << "\n" << host.Output() << host.Errors();
+        << "missing: " << line << "\n"
+        << host.Output() << host.Errors();
   };
 
   // 0: the tool is installed. 1: an opcode the module does not handle.
@@ -128,7 +131,7 @@ TEST(ValgrindServe, EveryReachableStatusWithoutMemoryErrorsOrLeaks) {
     char* const argv[] = {const_cast<char*>(path.c_str()), nullptr};
     ASSERT_EQ(0, ::posix_spawn(&foreign, path.c_str(), nullptr, nullptr, argv, environ));
   }
-  ASSERT_TRUE(WaitUntil([] { return !ProcessesNamed("Korvex").empty(); }, 30s));
+  ASSERT_TRUE(WaitUntil([&] { return !ProcessesNamed("Korvex", area.Path()).empty(); }, 30s));
   host.Send(Request(8, R"({"OC":13313,"CA":0})"));
   expect(Reply(8, R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"ST":5}],"C":true}})"));
   ::kill(foreign, SIGKILL);
@@ -148,7 +151,7 @@ TEST(ValgrindServe, EveryReachableStatusWithoutMemoryErrorsOrLeaks) {
   // and are dropped; the worker is ended and the tool terminated.
   WriteFile(root + "/mode", "hang");
   host.Send(Request(10, R"({"OC":13313,"CA":0})"));
-  ASSERT_TRUE(WaitUntil([] { return !ProcessesNamed("Korvex").empty(); }, 120s));
+  ASSERT_TRUE(WaitUntil([&] { return !ProcessesNamed("Korvex", area.Path()).empty(); }, 120s));
   host.Send(Request(11, R"({"OC":13313,"CA":0})"));
   host.Send(Request(12, R"({"OC":13314,"CA":0,"DA":"late.zip"})"));
   expect(Ack(12, 1, R"({"OC":13314,"CA":0,"DA":"late.zip","ST":22})"));
@@ -164,8 +167,8 @@ TEST(ValgrindServe, EveryReachableStatusWithoutMemoryErrorsOrLeaks) {
   EXPECT_NE(std::string::npos, report.find("indirectly lost: 0 bytes in 0 blocks")) << report;
   EXPECT_NE(std::string::npos, report.find("possibly lost: 0 bytes in 0 blocks")) << report;
   EXPECT_EQ(std::string::npos, report.find("suppressed: 0 bytes in 0 blocks")) << report;
-  EXPECT_TRUE(WaitUntilNoneNamed("Korvex", 30s));
-  KillAllNamed("Korvex");
+  EXPECT_TRUE(WaitUntilNoneNamed("Korvex", 30s, area.Path()));
+  KillAllNamed("Korvex", area.Path());
   std::printf("[ valgrind ] %s\n", log.c_str());
   for (const std::string& line : {std::string("ERROR SUMMARY"), std::string("lost:"),
                                   std::string("suppressed:"), std::string("reachable:")}) {
