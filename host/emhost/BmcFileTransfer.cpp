@@ -2,20 +2,18 @@
 // the verified, all-or-nothing copy into the BMC directory.
 #include "host/emhost/BmcFileTransfer.h"
 
-#include "host/emhost/Sha256.h"
 #include "message/SipJson.h"
 
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <exception>
+#include <functional>
 #include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
-#include <thread>
 #include <unistd.h>
 #include <utility>
-#include <vector>
 
 namespace {
 
@@ -39,34 +37,65 @@ bool WriteAll(int fd, const char* data, std::size_t length) {
   return true;
 }
 
-// Removes the temporary files of a copy that does not complete.
-class CTempFiles {
- public:
-  ~CTempFiles() {
-    for (const std::string& path : m_Paths) ::unlink(path.c_str());
+unsigned int SpaceOr(int error, unsigned int otherwise) {
+  return error == ENOSPC || error == EDQUOT ? BMC_NO_SPACE : otherwise;
+}
+
+const char* KindOf(mode_t mode) {
+  if (S_ISDIR(mode)) return "a directory";
+  if (S_ISFIFO(mode)) return "a FIFO";
+  if (S_ISCHR(mode)) return "a character device";
+  if (S_ISBLK(mode)) return "a block device";
+  if (S_ISSOCK(mode)) return "a socket";
+  if (S_ISLNK(mode)) return "a symbolic link";
+  return "not a regular file";
+}
+
+unsigned int CopyStatus(CopyOutcome outcome) {
+  switch (outcome) {
+    case CopyOutcome::kDone:
+      return BMC_OK;
+    case CopyOutcome::kReadFailed:
+      return BMC_SOURCE_UNREADABLE;
+    case CopyOutcome::kNoSpace:
+      return BMC_NO_SPACE;
+    case CopyOutcome::kStopped:
+      return kAbandoned;
+    default:
+      return BMC_WRITE_FAILED;
   }
-  void Add(const std::string& path) { m_Paths.push_back(path); }
-  void Release() { m_Paths.clear(); }
-
- private:
-  std::vector<std::string> m_Paths;
-};
-
-// A private temporary file in dir, named after the final name so that a
-// left-over (after a crash) shows what it was. The leading "." keeps it out
-// of plain directory listings.
-int MakeTemp(const std::string& dir, const std::string& finalName, std::string& path) {
-  path = dir + "/." + finalName + ".XXXXXX";
-  std::vector<char> buffer(path.begin(), path.end());
-  buffer.push_back('\0');
-  const int fd = ::mkostemp(buffer.data(), O_CLOEXEC);
-  if (fd >= 0) path.assign(buffer.data());
-  return fd;
 }
 
 }  // namespace
 
-CBmcFileTransfer::CBmcFileTransfer(std::string bmcDir) : m_BmcDir(std::move(bmcDir)) {}
+int OpenRegularSource(const std::string& path, std::string& why) {
+  // O_NONBLOCK: opening a FIFO without a writer (or a device that waits for
+  // a carrier) must not hang the transfer; it is cleared again below.
+  CUniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!fd.Valid()) {
+    why = path + (errno == ELOOP ? std::string(" is a symbolic link (not followed)")
+                                 : ": " + std::string(std::strerror(errno)));
+    return -1;
+  }
+  struct stat info {};
+  if (::fstat(fd.Get(), &info) != 0) {
+    why = path + ": " + std::strerror(errno);
+    return -1;
+  }
+  if (!S_ISREG(info.st_mode)) {
+    why = path + " is " + KindOf(info.st_mode) + ", not a regular file";
+    return -1;
+  }
+  const int flags = ::fcntl(fd.Get(), F_GETFL);
+  if (flags < 0 || ::fcntl(fd.Get(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
+    why = path + ": " + std::strerror(errno);
+    return -1;
+  }
+  return fd.Release();
+}
+
+CBmcFileTransfer::CBmcFileTransfer(std::string bmcDir, CCopySettings settings)
+    : m_Dir(std::move(bmcDir)), m_Settings(settings) {}
 
 unsigned int CBmcFileTransfer::ParseRequest(const SipJson& request, CBmcTransferRequest& out) {
   const JsonValue* data = request.FindCmdMember(request.m_CmdIndex, "DA");
@@ -107,8 +136,10 @@ void CBmcFileTransfer::Run(const CBmcTransferRequest& request, CBmcTransferJob& 
   unsigned int status = BMC_WRITE_FAILED;
   try {
     status = Copy(request, job);
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
     status = BMC_WRITE_FAILED;  // e.g. no memory, libcrypto failure
+    std::lock_guard<std::mutex> lock(job.m_Mutex);
+    job.m_Message = e.what();
   }
   std::lock_guard<std::mutex> lock(job.m_Mutex);
   if (!job.m_Finished) {
@@ -121,117 +152,113 @@ void CBmcFileTransfer::Run(const CBmcTransferRequest& request, CBmcTransferJob& 
 unsigned int CBmcFileTransfer::Copy(const CBmcTransferRequest& request,
                                     CBmcTransferJob& job) const {
   using Clock = std::chrono::steady_clock;
-  const Clock::time_point start = Clock::now();
   const bool limited = request.m_TimeoutSec != 0;
-  const Clock::time_point deadline = start + std::chrono::seconds(request.m_TimeoutSec);
-  auto overdue = [&] { return limited && Clock::now() >= deadline; };
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(request.m_TimeoutSec);
+  const std::function<bool()> overdue = [limited, deadline] {
+    return limited && Clock::now() >= deadline;
+  };
+  auto fail = [&job](unsigned int status, const std::string& why) {
+    std::lock_guard<std::mutex> lock(job.m_Mutex);
+    job.m_Message = why;
+    return status;
+  };
 
   if (!NameAcceptable(request.m_BmcName)) return BMC_NAME_REFUSED;
+  if (!m_Dir.Valid()) return fail(BMC_WRITE_FAILED, "the BMC directory " + m_Dir.Error());
+  std::string why;
+  const CUniqueFd source(OpenRegularSource(request.m_LocalPath, why));
+  if (!source.Valid()) return fail(BMC_SOURCE_UNREADABLE, why);
+  return Store(request, source.Get(), job, overdue);
+}
 
-  const int source = ::open(request.m_LocalPath.c_str(), O_RDONLY | O_CLOEXEC);
-  if (source < 0) return BMC_SOURCE_UNREADABLE;
-  struct SourceCloser {
-    int fd;
-    ~SourceCloser() { ::close(fd); }
-  } closeSource{source};
+unsigned int CBmcFileTransfer::Store(const CBmcTransferRequest& request, int source,
+                                     CBmcTransferJob& job,
+                                     const std::function<bool()>& overdue) const {
+  auto fail = [&job](unsigned int status, const std::string& why) {
+    std::lock_guard<std::mutex> lock(job.m_Mutex);
+    job.m_Message = why;
+    return status;
+  };
+  const std::string& name = request.m_BmcName;
   struct stat sourceStat {};
-  if (::fstat(source, &sourceStat) != 0 || !S_ISREG(sourceStat.st_mode)) {
-    return BMC_SOURCE_UNREADABLE;
-  }
+  if (::fstat(source, &sourceStat) != 0) return fail(BMC_SOURCE_UNREADABLE, std::strerror(errno));
   const std::uint64_t size = static_cast<std::uint64_t>(sourceStat.st_size);
+  job.m_Progress.m_Total.store(size, std::memory_order_relaxed);
 
-  struct statvfs space {};
-  if (::statvfs(m_BmcDir.c_str(), &space) != 0) return BMC_WRITE_FAILED;
-  const std::uint64_t available =
-      static_cast<std::uint64_t>(space.f_bavail) * static_cast<std::uint64_t>(space.f_frsize);
-  if (available < size + kSpaceReserve) return BMC_NO_SPACE;
-
-  CTempFiles temps;
-  std::string tempPath;
-  const int target = MakeTemp(m_BmcDir, request.m_BmcName, tempPath);
-  if (target < 0) return BMC_WRITE_FAILED;
-  temps.Add(tempPath);
-  struct TargetCloser {
-    int fd;
-    ~TargetCloser() {
-      if (fd >= 0) ::close(fd);
-    }
-  } closeTarget{target};
-
-  CSha256 sourceDigest;
-  std::string buffer(m_ChunkBytes == 0 ? 1u : m_ChunkBytes, '\0');
-  std::uint64_t copied = 0;
-  for (;;) {
-    const ssize_t got = ::read(source, &buffer[0], buffer.size());
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      return BMC_SOURCE_UNREADABLE;
-    }
-    if (got == 0) break;
-    sourceDigest.Update(buffer.data(), static_cast<std::size_t>(got));
-    if (!WriteAll(target, buffer.data(), static_cast<std::size_t>(got))) {
-      return errno == ENOSPC || errno == EDQUOT ? BMC_NO_SPACE : BMC_WRITE_FAILED;
-    }
-    copied += static_cast<std::uint64_t>(got);
-    if (m_PauseMs != 0) std::this_thread::sleep_for(std::chrono::milliseconds(m_PauseMs));
-    if (job.Cancelled()) return kAbandoned;
-    if (overdue()) return BMC_TIMED_OUT;
+  std::uint64_t available = 0;
+  if (!m_Dir.FreeBytes(available)) return fail(BMC_WRITE_FAILED, std::strerror(errno));
+  if (available < size + kSpaceReserve) {
+    return fail(BMC_NO_SPACE, std::to_string(size) + " bytes needed, " +
+                                  std::to_string(available) + " free");
   }
-  // mkstemp creates the file for its owner only; a stored file is readable
-  // like any other file the BMC directory receives.
-  if (::fchmod(target, 0644) != 0 || ::fsync(target) != 0) {
-    return errno == ENOSPC || errno == EDQUOT ? BMC_NO_SPACE : BMC_WRITE_FAILED;
-  }
-  const int closeResult = ::close(target);
-  closeTarget.fd = -1;
-  if (closeResult != 0) return BMC_WRITE_FAILED;
 
-  // Read the copy back: what is renamed into place is what was verified.
-  const std::string hex = sourceDigest.FinalHex();
-  std::string copyHex;
-  struct stat copyStat {};
-  if (!Sha256OfFile(tempPath, copyHex, nullptr) || copyHex != hex ||
-      ::stat(tempPath.c_str(), &copyStat) != 0 ||
-      static_cast<std::uint64_t>(copyStat.st_size) != copied) {
-    return BMC_WRITE_FAILED;
+  std::string tempName;
+  const CUniqueFd target(m_Dir.CreateTemp(name, tempName));
+  if (!target.Valid()) {
+    return fail(SpaceOr(errno, BMC_WRITE_FAILED),
+                std::string("cannot create a file in the BMC directory: ") + std::strerror(errno));
+  }
+  CTempEntry temp(m_Dir, tempName);
+  // The read-back descriptor: the same file (checked by inode) with direct
+  // I/O, where the file system offers it.
+  CUniqueFd readBack(m_Dir.OpenEntry(tempName, O_RDONLY | O_DIRECT));
+  struct stat written {};
+  struct stat reread {};
+  if (readBack.Valid() &&
+      (::fstat(target.Get(), &written) != 0 || ::fstat(readBack.Get(), &reread) != 0 ||
+       written.st_ino != reread.st_ino || written.st_dev != reread.st_dev)) {
+    readBack.Reset();
+  }
+
+  const std::function<bool()> stop = [&] { return job.Cancelled() || overdue(); };
+  const CCopyResult copied =
+      CopyVerified(source, target.Get(), readBack.Get(), m_Settings, stop, &job.m_Progress);
+  if (copied.m_Outcome == CopyOutcome::kStopped) {
+    return job.Cancelled() ? kAbandoned : fail(BMC_TIMED_OUT, "the time limit ran out");
+  }
+  if (copied.m_Outcome != CopyOutcome::kDone) {
+    return fail(CopyStatus(copied.m_Outcome), copied.m_Why);
+  }
+  // The copy was created for its owner only; a stored file is readable like
+  // any other file the BMC directory receives.
+  if (::fchmod(target.Get(), 0644) != 0 || ::fsync(target.Get()) != 0) {
+    return fail(BMC_WRITE_FAILED, std::strerror(errno));
   }
   if (job.Cancelled()) return kAbandoned;
-  if (overdue()) return BMC_TIMED_OUT;
+  if (overdue()) return fail(BMC_TIMED_OUT, "the time limit ran out");
 
   // The checksum line, two spaces between digest and name, as sha256sum writes it.
-  std::string sumPath;
-  const int sum = MakeTemp(m_BmcDir, request.m_BmcName + ".sha256", sumPath);
-  if (sum < 0) return BMC_WRITE_FAILED;
-  temps.Add(sumPath);
-  const std::string line = hex + "  " + request.m_BmcName + "\n";
-  const bool sumWritten =
-      WriteAll(sum, line.data(), line.size()) && ::fchmod(sum, 0644) == 0 && ::fsync(sum) == 0;
-  const int sumErrno = errno;
-  if (::close(sum) != 0 || !sumWritten) {
-    return sumErrno == ENOSPC || sumErrno == EDQUOT ? BMC_NO_SPACE : BMC_WRITE_FAILED;
+  std::string sumTempName;
+  const CUniqueFd sum(m_Dir.CreateTemp(name + ".sha256", sumTempName));
+  if (!sum.Valid()) return fail(SpaceOr(errno, BMC_WRITE_FAILED), std::strerror(errno));
+  CTempEntry sumTemp(m_Dir, sumTempName);
+  const std::string line = copied.m_Sha256 + "  " + name + "\n";
+  if (!WriteAll(sum.Get(), line.data(), line.size()) || ::fchmod(sum.Get(), 0644) != 0 ||
+      ::fsync(sum.Get()) != 0) {
+    return fail(SpaceOr(errno, BMC_WRITE_FAILED), std::strerror(errno));
   }
 
-  const std::string finalPath = m_BmcDir + "/" + request.m_BmcName;
-  const std::string finalSumPath = finalPath + ".sha256";
   std::lock_guard<std::mutex> lock(job.m_Mutex);
   if (job.m_Cancelled) return kAbandoned;
-  if (::rename(tempPath.c_str(), finalPath.c_str()) != 0) return BMC_WRITE_FAILED;
-  if (::rename(sumPath.c_str(), finalSumPath.c_str()) != 0) {
-    // An archive without its checksum is not a finished transfer.
-    ::unlink(finalPath.c_str());
+  if (!m_Dir.Rename(temp.Name(), name)) {
+    job.m_Message = std::strerror(errno);
     return BMC_WRITE_FAILED;
   }
-  temps.Release();
-  // Make the two renames durable before answering success.
-  const int dir = ::open(m_BmcDir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dir >= 0) {
-    ::fsync(dir);
-    ::close(dir);
+  temp.Keep();
+  if (!m_Dir.Rename(sumTemp.Name(), name + ".sha256")) {
+    // An archive without its checksum is not a finished transfer.
+    job.m_Message = std::strerror(errno);
+    m_Dir.Remove(name);
+    return BMC_WRITE_FAILED;
   }
+  sumTemp.Keep();
+  // Make the two renames durable before answering success.
+  m_Dir.Sync();
   job.m_Status = BMC_OK;
-  job.m_StoredPath = finalPath;
-  job.m_Sha256 = hex;
-  job.m_Size = copied;
+  job.m_StoredPath = m_Dir.Path() + "/" + name;
+  job.m_Sha256 = copied.m_Sha256;
+  job.m_Size = copied.m_Bytes;
+  job.m_ReadBackFromDevice = copied.m_FromDevice;
   job.m_Finished = true;
   return BMC_OK;
 }

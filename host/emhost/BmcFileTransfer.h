@@ -3,10 +3,18 @@
 // stores the file in a plain directory (--bmc-dir) instead of a controller.
 //
 // A stored file is complete or absent: the copy goes to a hidden temporary
-// name in the BMC directory, is synced, read back and compared by SHA-256
-// with its source, and only then renamed to its final name. Its checksum is
-// recorded beside it as "NAME.sha256" in the line format sha256sum -c reads.
+// name in the BMC directory, digested while it is written, read back and
+// compared with its source (CopyEngine.h says from where), synced, and only
+// then renamed to its final name. Its checksum is recorded beside it as
+// "NAME.sha256" in the line format sha256sum -c reads.
+//
+// Only a regular file is copied, opened without following a link and
+// without blocking; and only into the BMC directory, which is opened once
+// (BmcDirectory.h).
 #pragma once
+
+#include "host/emhost/BmcDirectory.h"
+#include "host/emhost/CopyEngine.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -27,7 +35,9 @@ enum BmcTransferStatus : unsigned int {
   BMC_OK = 0,            // stored, verified, checksum recorded
   BMC_BAD_REQUEST = 7,   // "DA" is not {"FileType":2,"LocalFilePath":"...","BmcFilePath":"..."}
   BMC_NAME_REFUSED = 8,  // "BmcFilePath" empty, absolute, ".", over 200 bytes, or holds ".." or "/"
-  BMC_SOURCE_UNREADABLE = 9,  // "LocalFilePath" is not a readable regular file
+  BMC_SOURCE_UNREADABLE = 9,  // "LocalFilePath" is not a readable regular file (a link,
+                              // FIFO, device, socket or directory is refused unopened
+                              // or unread)
   BMC_NO_SPACE = 10,          // not enough free space in the BMC directory
   BMC_TIMED_OUT = 11,         // not done within the request's "TO" seconds
   BMC_WRITE_FAILED = 12,      // the BMC directory cannot be written, or the copy did not verify
@@ -42,18 +52,22 @@ struct CBmcTransferRequest {
 };
 
 // Shared between the switch, which waits for an answer for a bounded time,
-// and the thread that carries out the copy. The switch may give up: it then
-// sets m_Cancelled, and the copy never becomes visible, because the final
-// rename happens under m_Mutex only while m_Cancelled is still false.
+// and the thread that carries out the copy. The switch may give up, or em-host
+// may stop the module: m_Cancelled is then set (and m_Done notified), and
+// the copy never becomes visible, because the final rename happens under
+// m_Mutex only while m_Cancelled is still false.
 struct CBmcTransferJob {
   std::mutex m_Mutex;
   std::condition_variable m_Done;
   bool m_Finished = false;
   bool m_Cancelled = false;
   unsigned int m_Status = BMC_WRITE_FAILED;
+  std::string m_Message;     // not BMC_OK: what was wrong, in words
   std::string m_StoredPath;  // on success
   std::string m_Sha256;      // on success
   std::uint64_t m_Size = 0;  // on success
+  bool m_ReadBackFromDevice = false;  // on success: the verification used direct I/O
+  CCopyProgress m_Progress;  // read without the lock
 
   bool Cancelled() {
     std::lock_guard<std::mutex> lock(m_Mutex);
@@ -63,9 +77,11 @@ struct CBmcTransferJob {
 
 class CBmcFileTransfer {
  public:
-  explicit CBmcFileTransfer(std::string bmcDir);
+  // Opens bmcDir now; it is never looked up by its path again. settings
+  // (production defaults) shape the copy, its throttle included.
+  explicit CBmcFileTransfer(std::string bmcDir, CCopySettings settings = CCopySettings{});
 
-  const std::string& BmcDir() const { return m_BmcDir; }
+  const std::string& BmcDir() const { return m_Dir.Path(); }
 
   // Reads the request's current command; BMC_OK or BMC_BAD_REQUEST.
   static unsigned int ParseRequest(const SipJson& request, CBmcTransferRequest& out);
@@ -74,20 +90,20 @@ class CBmcFileTransfer {
   static bool NameAcceptable(const std::string& name);
 
   // Carries out one request and finishes job (status, and on success the
-  // stored path, size and digest). Blocks for the whole copy.
+  // stored path, size and digest). Blocks for the whole copy; stops early,
+  // leaving nothing behind, when "TO" runs out (BMC_TIMED_OUT) or the job
+  // is cancelled.
   void Run(const CBmcTransferRequest& request, CBmcTransferJob& job) const;
-
-  // Test hook: a pause after each copied chunk, and the chunk size, so that
-  // a test can make a copy outlast its time limit.
-  void SetThrottleForTesting(unsigned int chunkBytes, unsigned int pauseMs) {
-    m_ChunkBytes = chunkBytes;
-    m_PauseMs = pauseMs;
-  }
 
  private:
   unsigned int Copy(const CBmcTransferRequest& request, CBmcTransferJob& job) const;
+  unsigned int Store(const CBmcTransferRequest& request, int source, CBmcTransferJob& job,
+                     const std::function<bool()>& overdue) const;
 
-  std::string m_BmcDir;
-  unsigned int m_ChunkBytes = 1u << 20;
-  unsigned int m_PauseMs = 0;
+  CBmcDirectory m_Dir;
+  CCopySettings m_Settings;
 };
+
+// Opens path for a copy: a regular file only, never through a symbolic
+// link, and without blocking on a FIFO. -1 with why set ("... is a FIFO").
+int OpenRegularSource(const std::string& path, std::string& why);

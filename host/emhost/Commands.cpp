@@ -5,6 +5,7 @@
 #include "host/emhost/EmHost.h"
 #include "host/emhost/HostSwitch.h"
 #include "host/emhost/ModuleHost.h"
+#include "host/emhost/ProgressText.h"
 #include "host/emhost/ServeSession.h"
 #include "host/emhost/Sha256.h"
 #include "host/emhost/Signals.h"
@@ -19,6 +20,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -77,9 +79,10 @@ class CProgress {
     std::printf("%s\n", line.c_str());
     std::fflush(stdout);
   }
-  void Tick(const std::string& text, double seconds) {
+  void Tick(const std::string& text, double seconds, const std::string& detail = "") {
     if (!m_Terminal) return;
-    std::printf("\r%s... %d s\033[K", text.c_str(), static_cast<int>(seconds));
+    std::printf("\r%s... %d s%s%s\033[K", text.c_str(), static_cast<int>(seconds),
+                detail.empty() ? "" : ", ", detail.c_str());
     std::fflush(stdout);
     m_Ticking = true;
   }
@@ -124,10 +127,16 @@ class CCommandListener : public CISwitchListener {
   void OnTransfer(SipJson& /*request*/) override {}
   void OnTransferDone(const CBmcTransferJob& job) override {
     std::lock_guard<std::mutex> lock(m_Mutex);
+    m_TransferMessage = job.m_Message;
     if (job.m_Status == BMC_OK) {
       m_StoredPath = job.m_StoredPath;
       m_StoredSha256 = job.m_Sha256;
     }
+  }
+  // What the file transfer said about its last answer ("" when nothing).
+  std::string TransferMessage() {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    return m_TransferMessage;
   }
 
   bool TakeReply(std::uint64_t tag, CReply& out) {
@@ -157,6 +166,7 @@ class CCommandListener : public CISwitchListener {
   std::map<std::uint64_t, CReply> m_Replies;
   std::string m_StoredPath;
   std::string m_StoredSha256;
+  std::string m_TransferMessage;
 };
 
 // One run of a command: the loaded module, the switch and the instance.
@@ -170,8 +180,15 @@ class CHostRun {
     m_Switch.SetListener(&m_Listener);
   }
   ~CHostRun() {
-    m_Instance.StopAndDelete();
+    StopModule();
     m_Switch.SetListener(nullptr);
+  }
+
+  // A copy in flight is cancelled first (it never appears), then the module
+  // is stopped, which ends a running tool.
+  void StopModule() {
+    m_Switch.StopTransfers();
+    m_Instance.StopAndDelete();
   }
 
   // Loads the library; reports and returns false on failure.
@@ -233,16 +250,17 @@ class CHostRun {
 
   enum class Outcome { kReply, kTimedOut, kSignal };
 
-  // Waits for the reply to tag, ticking the progress, for at most limitSec
-  // seconds (0: no limit), or until a signal.
+  // Waits for the reply to tag, ticking the progress (with detail's text,
+  // when given), for at most limitSec seconds (0: no limit), or until a signal.
   Outcome Await(std::uint64_t tag, unsigned int limitSec, CProgress& progress,
-                const std::string& runningText, CReply& reply, int& signo) {
+                const std::string& runningText, CReply& reply, int& signo,
+                const std::function<std::string(double)>& detail = nullptr) {
     const Clock::time_point start = Clock::now();
     for (;;) {
       if (m_Listener.TakeReply(tag, reply)) return Outcome::kReply;
       const double elapsed = SecondsSince(start);
       if (limitSec != 0 && elapsed >= limitSec) return Outcome::kTimedOut;
-      progress.Tick(runningText, elapsed);
+      progress.Tick(runningText, elapsed, detail ? detail(elapsed) : std::string());
       // Wake at the next whole second (for the display) or at the limit.
       double wait = 1.0 - (elapsed - static_cast<double>(static_cast<long long>(elapsed)));
       if (limitSec != 0) wait = std::min(wait, static_cast<double>(limitSec) - elapsed);
@@ -257,20 +275,22 @@ class CHostRun {
     }
   }
 
-  // Ctrl-C or SIGTERM: stop the module, which ends a running tool.
-  int Interrupted(CProgress& progress, int signo) {
+  // Ctrl-C or SIGTERM: stop the module, which ends a running tool (and the
+  // switch cancels a copy to the BMC first).
+  int Interrupted(CProgress& progress, int signo, const char* ends = kEndsTool) {
     progress.ClearTick();
     Complain(std::string(signo == SIGINT ? "interrupted" : "terminated") +
-             "; stopping the module, which ends a running Korvex");
-    m_Instance.StopAndDelete();
+             "; stopping the module, which " + ends);
+    StopModule();
     return ExitStatusForSignal(signo);
   }
 
-  int TimedOut(CProgress& progress, const std::string& what, unsigned int limitSec) {
+  int TimedOut(CProgress& progress, const std::string& what, unsigned int limitSec,
+               const char* ends = kEndsTool) {
     progress.ClearTick();
     Complain(what + ": no answer within " + std::to_string(limitSec) +
-             " s; stopping the module, which ends a running Korvex");
-    m_Instance.StopAndDelete();
+             " s; stopping the module, which " + ends);
+    StopModule();
     Complain(what + ": module stopped");
     return kExitTimeout;
   }
@@ -287,6 +307,9 @@ class CHostRun {
                " is missing); the module did not start");
     }
   }
+
+  static constexpr const char* kEndsTool = "ends a running Korvex";
+  static constexpr const char* kEndsCopy = "cancels the copy to the BMC";
 
   const CEmHostOptions& m_Options;
   CSignalWatch& m_Signals;
@@ -395,11 +418,16 @@ int TransferArchive(CHostRun& run, const std::string& what, unsigned int timeout
     const unsigned int guard = std::max(timeoutSec, 5u) + kTransferGraceSec;
     CReply reply;
     int signo = 0;
-    switch (run.Await(tag, guard, progress, what + ": transferring", reply, signo)) {
+    const auto detail = [&run](double seconds) {
+      CTransferProgress copy;
+      if (!run.m_Switch.TransferProgress(copy)) return std::string();
+      return TransferProgressText(copy.m_Copied, copy.m_Total, seconds);
+    };
+    switch (run.Await(tag, guard, progress, what + ": transferring", reply, signo, detail)) {
       case CHostRun::Outcome::kSignal:
-        return run.Interrupted(progress, signo);
+        return run.Interrupted(progress, signo, CHostRun::kEndsCopy);
       case CHostRun::Outcome::kTimedOut:
-        return run.TimedOut(progress, what, guard);
+        return run.TimedOut(progress, what, guard, CHostRun::kEndsCopy);
       case CHostRun::Outcome::kReply:
         status = reply.m_Status;
         break;
@@ -409,7 +437,8 @@ int TransferArchive(CHostRun& run, const std::string& what, unsigned int timeout
   progress.State(what + ": transfer finished after " + Seconds(done.m_Seconds) + ", status " +
                  std::to_string(status));
   if (status != 0) {
-    Complain(what + ": " + StatusLine(status, EmJob::kTransfer));
+    const std::string why = run.m_Listener.TransferMessage();
+    Complain(what + ": " + StatusLine(status, EmJob::kTransfer) + (why.empty() ? "" : ": " + why));
     return kExitStatus;
   }
   done.m_Destination = run.m_Options.m_BmcDir + "/" + name;
@@ -457,11 +486,21 @@ int RunCreate(CHostRun& run) {
   return 0;
 }
 
+// The "TO" of a transfer: --timeout, or room for the archive on a slow disk.
+unsigned int TransferTimeout(const CEmHostOptions& options, bool given) {
+  if (given) return options.m_TimeoutSec;
+  std::string root;
+  std::uint64_t size = 0;
+  if (ConfiguredToolRoot(root)) FileSize(root + kArchiveName, size);
+  return DefaultTransferTimeout(size);
+}
+
 int RunTransfer(CHostRun& run) {
   if (!StartForJob(run, "transfer")) return kExitSetup;
   CProgress progress;
   CTransferred done;
-  const int failed = TransferArchive(run, "transfer", run.m_Options.m_TimeoutSec, progress, done);
+  const unsigned int timeout = TransferTimeout(run.m_Options, run.m_Options.m_TimeoutGiven);
+  const int failed = TransferArchive(run, "transfer", timeout, progress, done);
   if (failed >= 0) return failed;
   PrintDestination(done, " ");
   std::printf("duration:    %s\n", Seconds(done.m_Seconds).c_str());
@@ -476,7 +515,8 @@ int RunCollect(CHostRun& run) {
   int failed = CreateArchive(run, "collect", progress, created);
   if (failed >= 0) return failed;
   CTransferred done;
-  failed = TransferArchive(run, "collect", 60, progress, done);
+  // --timeout is the creation's limit; the transfer's follows the archive.
+  failed = TransferArchive(run, "collect", TransferTimeout(run.m_Options, false), progress, done);
   if (failed >= 0) return failed;
   std::printf("archive:     %s (%llu bytes)\n", created.m_ArchivePath.c_str(),
               static_cast<unsigned long long>(created.m_Size));

@@ -5,9 +5,11 @@
 #include "frame/ExtensionModule.h"
 #include "message/SipJson.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <pthread.h>
 #include <system_error>
 #include <utility>
 
@@ -45,13 +47,17 @@ bool CHtiMode::Parse(const std::string& text, CHtiMode& out) {
   return false;
 }
 
-CHostSwitch::CHostSwitch(unsigned int serviceType, CHtiMode hti, std::string bmcDir)
-    : m_ServiceType(serviceType), m_Hti(hti), m_FileTransfer(std::move(bmcDir)) {}
+CHostSwitch::CHostSwitch(unsigned int serviceType, CHtiMode hti, std::string bmcDir,
+                         CCopySettings copy)
+    : m_ServiceType(serviceType), m_Hti(hti), m_FileTransfer(std::move(bmcDir), copy) {}
 
-CHostSwitch::~CHostSwitch() {
+CHostSwitch::~CHostSwitch() { StopTransfers(); }
+
+void CHostSwitch::StopTransfers() {
   std::vector<CCopy> copies;
   {
     std::lock_guard<std::mutex> lock(m_CopiesMutex);
+    m_Stopped = true;
     copies.swap(m_Copies);
   }
   for (CCopy& copy : copies) {
@@ -59,8 +65,31 @@ CHostSwitch::~CHostSwitch() {
       std::lock_guard<std::mutex> lock(copy.m_Job->m_Mutex);
       copy.m_Job->m_Cancelled = true;
     }
-    copy.m_Thread.join();
+    // Wakes an AsyncRequest waiting for this copy.
+    copy.m_Job->m_Done.notify_all();
   }
+  // The copy notices within one chunk and removes its temporary files.
+  for (CCopy& copy : copies) copy.m_Thread.join();
+}
+
+void CHostSwitch::AllowTransfers() {
+  std::lock_guard<std::mutex> lock(m_CopiesMutex);
+  m_Stopped = false;
+}
+
+bool CHostSwitch::TransferProgress(CTransferProgress& out) {
+  std::lock_guard<std::mutex> lock(m_CopiesMutex);
+  if (m_Copies.empty()) return false;
+  const CCopyProgress& progress = m_Copies.back().m_Job->m_Progress;
+  out.m_Copied = progress.m_Copied.load(std::memory_order_relaxed);
+  out.m_Total = progress.m_Total.load(std::memory_order_relaxed);
+  return true;
+}
+
+unsigned long long CHostSwitch::TransferWaitMs(unsigned int timeoutMs, unsigned int toSec) {
+  if (toSec == 0) return timeoutMs;  // no "TO": the sender's word alone
+  const unsigned long long allowed = toSec * 1000ull + kTransferAnswerGraceMs;
+  return std::max<unsigned long long>(timeoutMs, allowed);
 }
 
 void CHostSwitch::SetListener(CISwitchListener* listener) {
@@ -121,30 +150,40 @@ int CHostSwitch::ServeFileTransfer(SipJson& request, unsigned int timeoutMs) {
     return 1;
   }
   // The copy runs on its own thread, so that the switch can keep its word
-  // to return after timeoutMs even when a copy stalls (a slow or hung disk).
+  // to return in time even when a copy stalls (a slow or hung disk).
   auto job = std::make_shared<CBmcTransferJob>();
-  std::thread worker;
-  try {
-    worker = std::thread([this, parsed, job] { m_FileTransfer.Run(parsed, *job); });
-  } catch (const std::system_error&) {
-    // No thread to copy on (resources exhausted): the transfer is not made.
-    request.SetStatus(BMC_WRITE_FAILED);
-    return 1;
-  }
   {
     std::lock_guard<std::mutex> lock(m_CopiesMutex);
-    m_Copies.push_back(CCopy{job, std::move(worker)});
+    // The module is being stopped: no new copy (the request gets no status).
+    if (m_Stopped) return 0;
+    try {
+      m_Copies.push_back(
+          CCopy{job, std::thread([this, parsed, job] { m_FileTransfer.Run(parsed, *job); })});
+    } catch (const std::system_error&) {
+      // No thread to copy on (resources exhausted): the transfer is not made.
+      request.SetStatus(BMC_WRITE_FAILED);
+      return 1;
+    }
   }
 
+  // The module's worker waits here. The host's Kill cancels a worker that
+  // outlives Stop; a condition-variable wait must not be unwound by that
+  // (it is noexcept), so cancellation is held off for the wait. em-host
+  // calls StopTransfers before Stop, which ends the wait at once.
+  int cancelState = 0;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
   std::unique_lock<std::mutex> lock(job->m_Mutex);
-  const auto finished = [&] { return job->m_Finished; };
+  const auto answered = [&] { return job->m_Finished || job->m_Cancelled; };
   if (timeoutMs == CEvent::kInfinite) {
-    job->m_Done.wait(lock, finished);
+    job->m_Done.wait(lock, answered);
   } else {
-    job->m_Done.wait_for(lock, std::chrono::milliseconds(timeoutMs), finished);
+    const unsigned long long waitMs = TransferWaitMs(timeoutMs, parsed.m_TimeoutSec);
+    job->m_Done.wait_for(lock, std::chrono::milliseconds(waitMs), answered);
   }
-  if (!job->m_Finished) {
-    // Too late: the sender gets no status, and the copy must never appear.
+  pthread_setcancelstate(cancelState, nullptr);
+  if (!job->m_Finished || job->m_Cancelled) {
+    // Too late, or stopped: the sender gets no status, and the copy must
+    // never appear.
     job->m_Cancelled = true;
     return 0;
   }

@@ -4,6 +4,14 @@
 // transfer, opcode 0xF052 - and hands asynchronous answers (SendReply) back
 // to whoever sent the request.
 //
+// How long the switch waits for the file transfer: the module passes 5000
+// (milliseconds) to AsyncRequest, but a file of gigabytes needs longer. The
+// switch reads that argument as the least it waits, and the request's own
+// "TO" (seconds) as the time the transfer is allowed: it waits
+// max(argument, "TO" + kTransferAnswerGraceMs). The stand-in stops its copy
+// when "TO" runs out and answers 11; the grace lets that answer through
+// when a write stalls on its way.
+//
 // Matching an answer to its request: the switch tags each request it
 // delivers with a text "em-host:<n>" in the message's m_pszExtra string.
 // The module's queue copy duplicates that string, so the message that comes
@@ -48,10 +56,21 @@ class CISwitchListener {
   virtual void OnTransferDone(const CBmcTransferJob& /*job*/) {}
 };
 
+constexpr unsigned int kTransferAnswerGraceMs = 5000;
+
+// What a waiting command shows of the copy under way.
+struct CTransferProgress {
+  std::uint64_t m_Copied = 0;
+  std::uint64_t m_Total = 0;
+};
+
 class CHostSwitch : public CISwitch {
  public:
-  CHostSwitch(unsigned int serviceType, CHtiMode hti, std::string bmcDir);
-  ~CHostSwitch() override;  // waits for copies still running
+  // bmcDir is opened here, once (see CBmcFileTransfer); copy shapes the
+  // copies (production defaults).
+  CHostSwitch(unsigned int serviceType, CHtiMode hti, std::string bmcDir,
+              CCopySettings copy = CCopySettings{});
+  ~CHostSwitch() override;  // stops copies still running (StopTransfers)
   CHostSwitch(const CHostSwitch&) = delete;
   CHostSwitch& operator=(const CHostSwitch&) = delete;
 
@@ -70,6 +89,20 @@ class CHostSwitch : public CISwitch {
 
   CBmcFileTransfer& FileTransfer() { return m_FileTransfer; }
 
+  // Before the module is stopped: cancels every copy in flight and waits
+  // until each has removed its temporary files, and refuses new copies
+  // until AllowTransfers. A waiting AsyncRequest returns at once without a
+  // status. A cancelled copy never appears.
+  void StopTransfers();
+  // Before the module is started again.
+  void AllowTransfers();
+  // The copy under way, if any.
+  bool TransferProgress(CTransferProgress& out);
+
+  // How long AsyncRequest waits for a transfer with "TO" toSec when the
+  // sender passes timeoutMs.
+  static unsigned long long TransferWaitMs(unsigned int timeoutMs, unsigned int toSec);
+
  private:
   int ServeFileTransfer(SipJson& request, unsigned int timeoutMs);
   void ReapFinishedCopies();
@@ -87,4 +120,5 @@ class CHostSwitch : public CISwitch {
   };
   std::mutex m_CopiesMutex;
   std::vector<CCopy> m_Copies;
+  bool m_Stopped = false;  // under m_CopiesMutex
 };

@@ -1,6 +1,7 @@
 // Parsing of em-host's command line.
 #include "host/emhost/Options.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -32,6 +33,12 @@ std::string AbsolutePath(const std::string& path) {
   return base == "/" ? "/" + rest : base + "/" + rest;
 }
 
+unsigned int DefaultTransferTimeout(unsigned long long archiveBytes) {
+  const unsigned long long seconds =
+      60ull + (archiveBytes + kSlowDiskBytesPerSec - 1) / kSlowDiskBytesPerSec;
+  return static_cast<unsigned int>(std::min(seconds, 65535ull));
+}
+
 const char* EmHostUsage() {
   return "usage: em-host [options] COMMAND [arguments]\n"
          "\n"
@@ -58,7 +65,8 @@ const char* EmHostUsage() {
          "  --hti MODE                file transfer: copy (default), status:N, silent, absent\n"
          "  --timeout S               create/collect: stop the module after S seconds without\n"
          "                            an answer (default: no limit); transfer: the time limit\n"
-         "                            \"TO\" of the request (default 60)\n"
+         "                            \"TO\" of the request (default, also for collect's\n"
+         "                            transfer: 60 s + 1 s per 20 MB of the archive)\n"
          "  --no-start                serve: do not start the module (use a start control)\n"
          "  -h, --help                this text\n";
 }
@@ -183,7 +191,6 @@ bool ParseEmHostOptions(const std::vector<std::string>& args, CEmHostOptions& ou
   if (out.m_NoStart && out.m_Command != EmCommand::kServe) {
     return fail("--no-start applies to serve only");
   }
-  if (!out.m_TimeoutGiven && out.m_Command == EmCommand::kTransfer) out.m_TimeoutSec = 60;
   if (out.m_BmcDir.empty()) out.m_BmcDir = AbsolutePath("bmc");
   return true;
 }

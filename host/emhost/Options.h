@@ -32,7 +32,9 @@ struct CEmHostOptions {
   unsigned int m_TraceLevel = 0;
   unsigned int m_ServiceType = 5;
   CHtiMode m_Hti;
-  unsigned int m_TimeoutSec = 0;  // create/collect: 0 = no limit; transfer: "TO"
+  // create/collect: 0 = no limit; transfer: "TO", 0 (not given) = derived
+  // from the archive's size (DefaultTransferTimeout)
+  unsigned int m_TimeoutSec = 0;
   bool m_TimeoutGiven = false;
   bool m_NoStart = false;
 };
@@ -41,6 +43,12 @@ struct CEmHostOptions {
 // usage error.
 bool ParseEmHostOptions(const std::vector<std::string>& args, CEmHostOptions& out,
                         std::string* error);
+
+// The "TO" of a transfer when --timeout does not give it: room for an
+// archive of archiveBytes on a slow disk, 60 s plus one second per 20 MB
+// (kSlowDiskBytesPerSec), at most 65535 (the module keeps 16 bits of "TO").
+constexpr unsigned long long kSlowDiskBytesPerSec = 20000000ull;
+unsigned int DefaultTransferTimeout(unsigned long long archiveBytes);
 
 // The usage text printed by --help and after a usage error.
 const char* EmHostUsage();

@@ -27,6 +27,23 @@ bool Blank(const char* text, std::size_t length) {
   return true;
 }
 
+// Counts the values of value and everything in it, up to limit + 1. The
+// nesting is bounded by the parser's depth limit.
+std::size_t CountValues(const JsonValue& value, std::size_t limit) {
+  std::size_t count = 1;
+  if (value.IsObject()) {
+    for (auto member = value.MemberBegin(); member != value.MemberEnd() && count <= limit;
+         ++member) {
+      count += CountValues(member->value, limit - count);
+    }
+  } else if (value.IsArray()) {
+    for (auto element = value.Begin(); element != value.End() && count <= limit; ++element) {
+      count += CountValues(*element, limit - count);
+    }
+  }
+  return count;
+}
+
 std::string ExceptionText(const std::exception_ptr& error) {
   try {
     std::rethrow_exception(error);
@@ -121,8 +138,11 @@ int CServeSession::Run() {
 void CServeSession::Finish() {
   FlushOutput();
   // Nothing is waited for any more; a reply that the worker still sends
-  // while it is being stopped is written like any other.
+  // while it is being stopped is written like any other. A copy to the BMC
+  // still in flight is cancelled first: it never appears.
+  m_Switch.StopTransfers();
   m_Instance.StopAndDelete();
+  m_Pending.DropAll();
 }
 
 CServeSession::LineResult CServeSession::HandleLine(const char* text, std::size_t length) {
@@ -137,6 +157,10 @@ CServeSession::LineResult CServeSession::HandleLine(const char* text, std::size_
   JsonValue& root = document.Document();
   if (!root.IsObject()) {
     EmitError("a line must be a JSON object");
+    return LineResult::kGoOn;
+  }
+  if (CountValues(root, kMaxValues) > kMaxValues) {
+    EmitError("a line may hold at most " + std::to_string(kMaxValues) + " JSON values");
     return LineResult::kGoOn;
   }
   const JsonValue::ConstMemberIterator idMember = root.FindMember("id");
@@ -181,14 +205,7 @@ CServeSession::LineResult CServeSession::HandleRequest(JsonValue& line, const st
   static_cast<JsonValue&>(message.Document()).Swap(request);
   message.m_CmdIndex = static_cast<int>(index);
 
-  std::map<std::uint64_t, CRequestState>::iterator state;
-  std::uint64_t tag;
-  {
-    std::lock_guard<std::mutex> lock(m_StateMutex);
-    tag = m_NextTag++;
-    state = m_Requests.emplace(tag, CRequestState{}).first;
-    state->second.m_Id = id;
-  }
+  const std::uint64_t tag = m_Pending.Add(id);
   std::string ack;
   bool queued = false;
   try {
@@ -204,13 +221,8 @@ CServeSession::LineResult CServeSession::HandleRequest(JsonValue& line, const st
               ExceptionText(std::current_exception()));
   }
   if (!ack.empty()) Emit(ack, false);
-  {
-    // Only now may the request's reply be written: it follows its ack.
-    std::lock_guard<std::mutex> lock(m_StateMutex);
-    state->second.m_Acknowledged = true;
-    state->second.m_Queued = queued;
-  }
-  m_Acknowledged.notify_all();
+  // Only now may the request's reply be written: it follows its ack.
+  m_Pending.Acknowledged(tag, queued);
   return LineResult::kGoOn;
 }
 
@@ -245,9 +257,13 @@ CServeSession::LineResult CServeSession::HandleControl(const JsonValue& line,
   LineResult next = LineResult::kGoOn;
   try {
     if (name == "start") {
+      m_Switch.AllowTransfers();
       result = m_Instance.Start(&m_Switch, kKorvexModuleId);
     } else if (name == "stop") {
+      // A copy in flight is cancelled first; after Stop no reply comes.
+      m_Switch.StopTransfers();
       result = m_Instance.Stop();
+      m_Pending.DropAll();
     } else if (name == "notify") {
       unsigned int code = 0;
       if (!parameter("code", code, true)) return LineResult::kGoOn;
@@ -287,14 +303,7 @@ int CServeSession::WaitForReplies(unsigned int timeoutMs) {
   using Clock = std::chrono::steady_clock;
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
   for (;;) {
-    {
-      std::lock_guard<std::mutex> lock(m_StateMutex);
-      bool outstanding = false;
-      for (const auto& entry : m_Requests) {
-        outstanding = outstanding || (entry.second.m_Queued && !entry.second.m_Replied);
-      }
-      if (!outstanding) return 1;
-    }
+    if (m_Pending.Waiting() == 0) return 1;
     const Clock::time_point now = Clock::now();
     if (now >= deadline) return 0;
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now);
@@ -316,24 +325,11 @@ int CServeSession::WaitForReplies(unsigned int timeoutMs) {
 
 void CServeSession::OnReply(std::uint64_t tag, SipJson& message) {
   std::string id = "null";
-  std::map<std::uint64_t, CRequestState>::iterator state;
-  bool known = false;
-  {
-    std::unique_lock<std::mutex> lock(m_StateMutex);
-    state = m_Requests.find(tag);
-    known = state != m_Requests.end();
-    if (known) {
-      // A quick job can answer before ModuleRequest has even returned; the
-      // requester still sees the ack first.
-      m_Acknowledged.wait(lock, [&] { return state->second.m_Acknowledged; });
-      id = state->second.m_Id;
-    }
-  }
+  const bool known = m_Pending.IdForReply(tag, id);
   Emit("{\"id\":" + id + ",\"event\":\"reply\",\"message\":" + message.ToJson() + "}");
-  if (known) {
-    std::lock_guard<std::mutex> lock(m_StateMutex);
-    state->second.m_Replied = true;
-  }
+  // Forgotten only now: a wait control must not report "all answered"
+  // before the reply line is out.
+  if (known) m_Pending.Replied(tag);
   const std::uint64_t one = 1;
   if (::write(m_WakeFd, &one, sizeof(one)) < 0) {
     // The counter is full only if nobody reads it; a waiter wakes anyway.

@@ -14,12 +14,11 @@
 #pragma once
 
 #include "host/emhost/HostSwitch.h"
+#include "host/emhost/PendingRequests.h"
 #include "message/JsonTypes.h"
 
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
-#include <map>
 #include <mutex>
 #include <string>
 
@@ -34,6 +33,12 @@ class CServeSession : public CISwitchListener {
   static constexpr std::size_t kMaxLineBytes = 1u << 20;
   static constexpr unsigned int kMaxDepth = 32;
   static constexpr unsigned int kMaxIndex = 1023;
+  // The most JSON values (objects, arrays, strings, numbers, literals, the
+  // line object itself included) one line may hold. The module copies a
+  // queued message value by value, and a value costs far more in the copy
+  // than its bytes on the line: this bounds what one line can cost. It
+  // leaves room for a "RAW" name block of 10,000 bytes.
+  static constexpr std::size_t kMaxValues = 16384;
   static constexpr unsigned int kDefaultWaitMs = 60000;
 
   CServeSession(CModuleLibrary& library, CModuleInstance& instance, CHostSwitch& hostSwitch,
@@ -49,14 +54,11 @@ class CServeSession : public CISwitchListener {
   void OnReply(std::uint64_t tag, SipJson& message) override;
   void OnTransfer(SipJson& request) override;
 
+  // Requests remembered because their reply may still come.
+  std::size_t PendingRequests() { return m_Pending.Size(); }
+
  private:
   enum class LineResult { kGoOn, kQuit, kSignal };
-  struct CRequestState {
-    std::string m_Id;             // the line's "id" as compact JSON
-    bool m_Acknowledged = false;  // the ack event (or an error) is out
-    bool m_Queued = false;        // taken (result 1) with status 22
-    bool m_Replied = false;
-  };
 
   LineResult HandleLine(const char* text, std::size_t length);
   // Moves the line's "request" into the message it delivers.
@@ -91,8 +93,5 @@ class CServeSession : public CISwitchListener {
   bool m_OutputBroken = false;
   bool m_FlushPending = false;  // lines written but not yet flushed
 
-  std::mutex m_StateMutex;
-  std::condition_variable m_Acknowledged;
-  std::uint64_t m_NextTag = 1;
-  std::map<std::uint64_t, CRequestState> m_Requests;
+  CPendingRequests m_Pending;
 };

@@ -94,8 +94,7 @@ TEST_F(EmHostSmallBmc, FileSystemFillingUpDuringTheCopyLeavesNothingBehind) {
   // 50 ms after each): the write fails with ENOSPC, the answer is "no
   // space", and the temporary file is gone.
   Source(100 * 1024);
-  CBmcFileTransfer transfer(m_Bmc);
-  transfer.SetThrottleForTesting(4096, 50);
+  CBmcFileTransfer transfer(m_Bmc, CCopySettings{4096, 2, 50});
   CBmcTransferRequest request;
   request.m_FileType = 2;
   request.m_LocalPath = m_Dir + "/src";

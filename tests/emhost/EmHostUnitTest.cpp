@@ -253,10 +253,9 @@ TEST(EmHostBmcCopy, TimeLimitLeavesNoFileBehind) {
   CTempDir dir;
   const std::string bmc = dir.Path() + "/bmc";
   ASSERT_EQ(::mkdir(bmc.c_str(), 0755), 0);
-  WriteFile(dir.Path() + "/src", std::string(64 * 1024, 's'));
-  CBmcFileTransfer transfer(bmc);
-  // 64 chunks of 1 KiB with 50 ms after each: about 3 s, beyond "TO" 1.
-  transfer.SetThrottleForTesting(1024, 50);
+  WriteFile(dir.Path() + "/src", std::string(64 * 4096, 's'));
+  // 64 chunks of 4 KiB with 50 ms after each: about 3 s, beyond "TO" 1.
+  CBmcFileTransfer transfer(bmc, CCopySettings{4096, 2, 50});
   CBmcTransferJob job;
   EXPECT_EQ(RunTransfer(transfer, dir.Path() + "/src", "slow.zip", 1, job), BMC_TIMED_OUT);
   EXPECT_TRUE(Entries(bmc).empty());
@@ -266,9 +265,8 @@ TEST(EmHostBmcCopy, CancelledCopyNeverAppears) {
   CTempDir dir;
   const std::string bmc = dir.Path() + "/bmc";
   ASSERT_EQ(::mkdir(bmc.c_str(), 0755), 0);
-  WriteFile(dir.Path() + "/src", std::string(64 * 1024, 's'));
-  CBmcFileTransfer transfer(bmc);
-  transfer.SetThrottleForTesting(1024, 20);
+  WriteFile(dir.Path() + "/src", std::string(64 * 4096, 's'));
+  CBmcFileTransfer transfer(bmc, CCopySettings{4096, 2, 20});
   CBmcTransferJob job;
   std::thread canceller([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -413,9 +411,8 @@ TEST(EmHostSwitch, SwitchTimeOutLeavesNoStatusAndNoFile) {
   CTempDir dir;
   const std::string bmc = dir.Path() + "/bmc";
   ASSERT_EQ(::mkdir(bmc.c_str(), 0755), 0);
-  WriteFile(dir.Path() + "/src", std::string(64 * 1024, 's'));
-  CHostSwitch hostSwitch(5, CHtiMode{}, bmc);
-  hostSwitch.FileTransfer().SetThrottleForTesting(1024, 20);
+  WriteFile(dir.Path() + "/src", std::string(64 * 4096, 's'));
+  CHostSwitch hostSwitch(5, CHtiMode{}, bmc, CCopySettings{4096, 2, 20});
   SipJson request;
   BuildTransfer(request, dir.Path() + "/src", "late.zip", 0);
   const std::string before = request.ToJson();
@@ -463,7 +460,8 @@ TEST(EmHostOptions, Defaults) {
   CEmHostOptions o;
   std::string error;
   ASSERT_TRUE(Parse({"transfer", "x.zip"}, o, error)) << error;
-  EXPECT_EQ(o.m_TimeoutSec, 60u);  // the transfer's "TO"
+  EXPECT_EQ(o.m_TimeoutSec, 0u);  // the transfer's "TO": derived from the archive's size
+  EXPECT_FALSE(o.m_TimeoutGiven);
   EXPECT_EQ(o.m_ServiceType, 5u);
   EXPECT_EQ(o.m_TraceLevel, 0u);
   EXPECT_EQ(o.m_Cabinet, 0u);

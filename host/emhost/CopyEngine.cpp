@@ -1,0 +1,294 @@
+// The verified copy: reading, digesting on a second thread, writing with an
+// early start of the write-out, and the read-back of every chunk.
+#include "host/emhost/CopyEngine.h"
+
+#include "host/emhost/Sha256.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <exception>
+#include <fcntl.h>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace {
+
+// Direct I/O wants buffers, offsets and lengths aligned to the logical
+// block size; 4096 covers every device in use.
+constexpr std::size_t kAlign = 4096;
+
+std::size_t RoundUp(std::size_t bytes) { return (bytes + kAlign - 1) / kAlign * kAlign; }
+
+struct CFreeAligned {
+  void operator()(unsigned char* data) const { std::free(data); }
+};
+using CBuffer = std::unique_ptr<unsigned char, CFreeAligned>;
+
+CBuffer Allocate(std::size_t bytes) {
+  void* data = std::aligned_alloc(kAlign, RoundUp(bytes));
+  if (data == nullptr) throw std::bad_alloc();
+  return CBuffer(static_cast<unsigned char*>(data));
+}
+
+// Digests chunks in the order they were read, on its own thread, while the
+// copying thread writes and reads back. A chunk's buffer is not reused
+// before WaitDigested says it has been digested.
+class CHasher {
+ public:
+  CHasher() : m_Thread([this] { Loop(); }) {}
+  ~CHasher() {
+    {
+      std::lock_guard<std::mutex> lock(m_Mutex);
+      m_End = true;
+      m_Queue.clear();  // an abandoned copy: nothing more to digest
+    }
+    m_Changed.notify_all();
+    m_Thread.join();
+  }
+  CHasher(const CHasher&) = delete;
+  CHasher& operator=(const CHasher&) = delete;
+
+  void Post(const unsigned char* data, std::size_t length) {
+    {
+      std::lock_guard<std::mutex> lock(m_Mutex);
+      m_Queue.emplace_back(data, length);
+    }
+    m_Changed.notify_all();
+  }
+  void WaitDigested(std::uint64_t chunks) {
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    m_Changed.wait(lock, [&] { return m_Digested >= chunks; });
+  }
+  // The digest of everything posted; waits for it. Throws what the digest
+  // threw.
+  std::string Final(std::uint64_t chunks) {
+    WaitDigested(chunks);
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    if (m_Error) std::rethrow_exception(m_Error);
+    return m_Digest.FinalHex();
+  }
+
+ private:
+  void Loop() {
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    for (;;) {
+      m_Changed.wait(lock, [&] { return m_End || !m_Queue.empty(); });
+      if (m_Queue.empty()) return;
+      const std::pair<const unsigned char*, std::size_t> chunk = m_Queue.front();
+      m_Queue.pop_front();
+      lock.unlock();
+      std::exception_ptr error;
+      try {
+        m_Digest.Update(chunk.first, chunk.second);
+      } catch (...) {
+        error = std::current_exception();
+      }
+      lock.lock();
+      if (error && !m_Error) m_Error = error;
+      ++m_Digested;
+      m_Changed.notify_all();
+    }
+  }
+
+  std::mutex m_Mutex;
+  std::condition_variable m_Changed;
+  std::deque<std::pair<const unsigned char*, std::size_t>> m_Queue;
+  std::uint64_t m_Digested = 0;
+  bool m_End = false;
+  std::exception_ptr m_Error;
+  CSha256 m_Digest;     // only the hashing thread touches it until Final
+  std::thread m_Thread;  // last: starts once everything above exists
+};
+
+// Reads up to length bytes at offset; fewer only at the end of the file.
+bool ReadFull(int fd, unsigned char* data, std::size_t length, std::uint64_t offset,
+              std::size_t& got) {
+  got = 0;
+  while (got < length) {
+    const ssize_t done = ::pread(fd, data + got, length - got, static_cast<off_t>(offset + got));
+    if (done < 0 && errno == EINTR) continue;
+    if (done < 0) return false;
+    if (done == 0) break;
+    got += static_cast<std::size_t>(done);
+  }
+  return true;
+}
+
+bool WriteFull(int fd, const unsigned char* data, std::size_t length, std::uint64_t offset) {
+  std::size_t put = 0;
+  while (put < length) {
+    const ssize_t done = ::pwrite(fd, data + put, length - put, static_cast<off_t>(offset + put));
+    if (done < 0 && errno == EINTR) continue;
+    if (done < 0) return false;
+    put += static_cast<std::size_t>(done);
+  }
+  return true;
+}
+
+CopyOutcome WriteOutcome(int error) {
+  return error == ENOSPC || error == EDQUOT ? CopyOutcome::kNoSpace : CopyOutcome::kWriteFailed;
+}
+
+// sync_file_range is a hint on file systems that cannot do it (EINVAL,
+// ESPIPE); a real write-out error (EIO, ENOSPC) counts.
+bool WriteOutFailed(int result) {
+  return result != 0 && errno != EINVAL && errno != ESPIPE && errno != ENOSYS;
+}
+
+class CVerifiedCopy {
+ public:
+  CVerifiedCopy(int source, int target, int readBack, const CCopySettings& settings)
+      : m_Source(source),
+        m_Target(target),
+        m_ReadBack(readBack),
+        m_Chunk(RoundUp(std::max<std::size_t>(settings.m_ChunkBytes, 1))),
+        m_Window(std::max(settings.m_Window, 1u)),
+        m_PauseMs(settings.m_PauseMs),
+        m_Ring(m_Window),
+        m_Lengths(m_Window, 0),
+        m_Check(Allocate(m_Chunk)) {}
+
+  CCopyResult Run(const std::function<bool()>& stop, CCopyProgress* progress) {
+    ::posix_fadvise(m_Source, 0, 0, POSIX_FADV_SEQUENTIAL);
+    for (;;) {
+      if (m_Chunks >= m_Window) {
+        if (!Verify(m_Chunks - m_Window)) return m_Result;
+        m_Hasher.WaitDigested(m_Chunks - m_Window + 1);
+      }
+      std::size_t length = 0;
+      if (!CopyChunk(length)) return m_Result;
+      if (progress != nullptr) progress->m_Copied.store(m_Bytes, std::memory_order_relaxed);
+      if (length < m_Chunk) break;  // the end of the source
+      if (m_PauseMs != 0) std::this_thread::sleep_for(std::chrono::milliseconds(m_PauseMs));
+      if (stop && stop()) {
+        Fail(CopyOutcome::kStopped, "stopped");
+        return m_Result;
+      }
+    }
+    if (::fsync(m_Target) != 0) {
+      Fail(WriteOutcome(errno), Errno("cannot sync the copy"));
+      return m_Result;
+    }
+    for (std::uint64_t k = m_Chunks > m_Window ? m_Chunks - m_Window : 0; k < m_Chunks; ++k) {
+      if (!Verify(k)) return m_Result;
+    }
+    m_Result.m_Sha256 = m_Hasher.Final(m_Chunks);
+    m_Result.m_Outcome = CopyOutcome::kDone;
+    m_Result.m_Bytes = m_Bytes;
+    m_Result.m_FromDevice = m_ReadBack >= 0;
+    return m_Result;
+  }
+
+ private:
+  // Reads, posts for digesting and writes the next chunk; length 0 at the end.
+  bool CopyChunk(std::size_t& length) {
+    const std::size_t slot = static_cast<std::size_t>(m_Chunks % m_Window);
+    if (!m_Ring[slot]) m_Ring[slot] = Allocate(m_Chunk);
+    unsigned char* data = m_Ring[slot].get();
+    if (!ReadFull(m_Source, data, m_Chunk, m_Bytes, length)) {
+      return Fail(CopyOutcome::kReadFailed, Errno("cannot read the source"));
+    }
+    if (length == 0) return true;
+    m_Hasher.Post(data, length);
+    if (!WriteFull(m_Target, data, length, m_Bytes)) {
+      return Fail(WriteOutcome(errno), Errno("cannot write the copy"));
+    }
+    // Start the write-out now, so the device works while the next chunks
+    // are copied and the final fsync finds little left to do.
+    ::sync_file_range(m_Target, static_cast<off_t>(m_Bytes), static_cast<off_t>(length),
+                      SYNC_FILE_RANGE_WRITE);
+    m_Lengths[slot] = length;
+    m_Bytes += length;
+    ++m_Chunks;
+    return true;
+  }
+
+  // Waits for chunk k to be written out, reads it back and compares it with
+  // the bytes that were digested.
+  bool Verify(std::uint64_t k) {
+    const std::size_t slot = static_cast<std::size_t>(k % m_Window);
+    const std::size_t length = m_Lengths[slot];
+    const off_t offset = static_cast<off_t>(k * m_Chunk);
+    if (WriteOutFailed(::sync_file_range(m_Target, offset, static_cast<off_t>(length),
+                                         SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE |
+                                             SYNC_FILE_RANGE_WAIT_AFTER))) {
+      return Fail(WriteOutcome(errno), Errno("cannot write the copy out"));
+    }
+    std::size_t got = 0;
+    if (!ReadBack(offset, length, got)) {
+      return Fail(CopyOutcome::kWriteFailed, Errno("cannot read the copy back"));
+    }
+    if (got != length || std::memcmp(m_Check.get(), m_Ring[slot].get(), length) != 0) {
+      return Fail(CopyOutcome::kMismatch,
+                  "the copy read back differs from the source at offset " +
+                      std::to_string(offset));
+    }
+    // Verified: the copy's pages need not crowd the page cache.
+    ::posix_fadvise(m_Target, offset, static_cast<off_t>(length), POSIX_FADV_DONTNEED);
+    return true;
+  }
+
+  bool ReadBack(off_t offset, std::size_t length, std::size_t& got) {
+    if (m_ReadBack >= 0) {
+      // One call: a direct read returns the whole aligned range up to the
+      // end of the file, and a second call would start at an unaligned offset.
+      ssize_t done;
+      do {
+        done = ::pread(m_ReadBack, m_Check.get(), RoundUp(length), offset);
+      } while (done < 0 && errno == EINTR);
+      if (done >= 0) {
+        got = static_cast<std::size_t>(done);
+        return true;
+      }
+      if (errno != EINVAL) return false;
+      m_ReadBack = -1;  // direct I/O refused after all: use the page-cache way
+    }
+    ::posix_fadvise(m_Target, offset, static_cast<off_t>(length), POSIX_FADV_DONTNEED);
+    return ReadFull(m_Target, m_Check.get(), length, static_cast<std::uint64_t>(offset), got);
+  }
+
+  // Records the failure; false, for the caller to return.
+  bool Fail(CopyOutcome outcome, const std::string& why) {
+    m_Result.m_Outcome = outcome;
+    m_Result.m_Why = why;
+    m_Result.m_Bytes = m_Bytes;
+    return false;
+  }
+  static std::string Errno(const char* what) {
+    return std::string(what) + ": " + std::strerror(errno);
+  }
+
+  const int m_Source;
+  const int m_Target;
+  int m_ReadBack;
+  const std::size_t m_Chunk;
+  const unsigned int m_Window;
+  const unsigned int m_PauseMs;
+  std::vector<CBuffer> m_Ring;
+  std::vector<std::size_t> m_Lengths;
+  CBuffer m_Check;
+  std::uint64_t m_Chunks = 0;  // chunks written
+  std::uint64_t m_Bytes = 0;   // bytes written
+  CCopyResult m_Result;
+  // Last: destroyed first, so that it stops reading the buffers above
+  // before they go.
+  CHasher m_Hasher;
+};
+
+}  // namespace
+
+CCopyResult CopyVerified(int source, int target, int readBack, const CCopySettings& settings,
+                         const std::function<bool()>& stop, CCopyProgress* progress) {
+  CVerifiedCopy copy(source, target, readBack, settings);
+  return copy.Run(stop, progress);
+}
