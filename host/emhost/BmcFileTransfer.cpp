@@ -199,9 +199,11 @@ unsigned int CBmcFileTransfer::Store(const CBmcTransferRequest& request, int sou
                 std::string("cannot create a file in the BMC directory: ") + std::strerror(errno));
   }
   CTempEntry temp(m_Dir, tempName);
-  // The read-back descriptor: the same file (checked by inode) with direct
-  // I/O, where the file system offers it.
-  CUniqueFd readBack(m_Dir.OpenEntry(tempName, O_RDONLY | O_DIRECT));
+  // For a read-back from the device: the same file (checked by inode) with
+  // direct I/O, where the file system offers it.
+  CUniqueFd readBack(m_Settings.m_ReadBackFromDevice
+                         ? m_Dir.OpenEntry(tempName, O_RDONLY | O_DIRECT)
+                         : -1);
   struct stat written {};
   struct stat reread {};
   if (readBack.Valid() &&

@@ -3,9 +3,10 @@
 // stores the file in a plain directory (--bmc-dir) instead of a controller.
 //
 // A stored file is complete or absent: the copy goes to a hidden temporary
-// name in the BMC directory, digested while it is written, read back and
-// compared with its source (CopyEngine.h says from where), synced, and only
-// then renamed to its final name. Its checksum is recorded beside it as
+// name in the BMC directory, digested while it is written, synced, read
+// back and compared with its source (from the page cache by default, from
+// the device on request: CopyEngine.h says what each proves), and only then
+// renamed to its final name. Its checksum is recorded beside it as
 // "NAME.sha256" in the line format sha256sum -c reads.
 //
 // Only a regular file is copied, opened without following a link and

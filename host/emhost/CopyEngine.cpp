@@ -124,10 +124,16 @@ bool ReadFull(int fd, unsigned char* data, std::size_t length, std::uint64_t off
   return true;
 }
 
+// The most bytes handed to one write. Measured on ext4: buffered writes of
+// 4 MiB at a time ran at a tenth of the speed of 64-256 KiB writes (the
+// kernel's copy into the page cache runs out of the CPU caches).
+constexpr std::size_t kWritePiece = 128u << 10;
+
 bool WriteFull(int fd, const unsigned char* data, std::size_t length, std::uint64_t offset) {
   std::size_t put = 0;
   while (put < length) {
-    const ssize_t done = ::pwrite(fd, data + put, length - put, static_cast<off_t>(offset + put));
+    const std::size_t piece = std::min(length - put, kWritePiece);
+    const ssize_t done = ::pwrite(fd, data + put, piece, static_cast<off_t>(offset + put));
     if (done < 0 && errno == EINTR) continue;
     if (done < 0) return false;
     put += static_cast<std::size_t>(done);
@@ -213,13 +219,15 @@ class CVerifiedCopy {
     return true;
   }
 
-  // Waits for chunk k to be written out, reads it back and compares it with
-  // the bytes that were digested.
+  // Reads chunk k back and compares it with the bytes that were digested.
+  // From the device: after waiting for the chunk's write-out, with direct
+  // I/O. From the page cache: what the kernel holds for the file.
   bool Verify(std::uint64_t k) {
     const std::size_t slot = static_cast<std::size_t>(k % m_Window);
     const std::size_t length = m_Lengths[slot];
     const off_t offset = static_cast<off_t>(k * m_Chunk);
-    if (WriteOutFailed(::sync_file_range(m_Target, offset, static_cast<off_t>(length),
+    if (m_ReadBack >= 0 &&
+        WriteOutFailed(::sync_file_range(m_Target, offset, static_cast<off_t>(length),
                                          SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE |
                                              SYNC_FILE_RANGE_WAIT_AFTER))) {
       return Fail(WriteOutcome(errno), Errno("cannot write the copy out"));
@@ -233,8 +241,6 @@ class CVerifiedCopy {
                   "the copy read back differs from the source at offset " +
                       std::to_string(offset));
     }
-    // Verified: the copy's pages need not crowd the page cache.
-    ::posix_fadvise(m_Target, offset, static_cast<off_t>(length), POSIX_FADV_DONTNEED);
     return true;
   }
 
@@ -251,9 +257,8 @@ class CVerifiedCopy {
         return true;
       }
       if (errno != EINVAL) return false;
-      m_ReadBack = -1;  // direct I/O refused after all: use the page-cache way
+      m_ReadBack = -1;  // direct I/O refused after all: the page cache it is
     }
-    ::posix_fadvise(m_Target, offset, static_cast<off_t>(length), POSIX_FADV_DONTNEED);
     return ReadFull(m_Target, m_Check.get(), length, static_cast<std::uint64_t>(offset), got);
   }
 

@@ -5,13 +5,18 @@
 //
 // Two threads share the work: the calling thread reads a chunk, hands it to
 // a hashing thread, writes it and starts its write-out at once
-// (sync_file_range); a few chunks later it waits for that write-out, reads
-// the chunk back and compares it. The read-back uses a descriptor opened
-// with O_DIRECT where the file system has one, so it comes from the device
-// (or its own cache), not from the page cache; without O_DIRECT the written
-// pages are dropped from the page cache first (POSIX_FADV_DONTNEED), which
-// makes a normal file system read them from the device as well, and on a
-// memory file system reads what the kernel holds, which is all there is.
+// (sync_file_range); a few chunks later it reads the chunk back and
+// compares it. Where the read-back comes from is the caller's choice:
+// - from the page cache (readBack -1, the BMC stand-in's default): proves
+//   that the kernel holds for the copy exactly the bytes that were digested
+//   (no short or misplaced write, nothing else wrote the file), and the
+//   final fsync's success says the kernel wrote them to the device without
+//   an error it noticed. It costs one memory-speed read.
+// - from the device (a descriptor opened with O_DIRECT): each chunk is
+//   waited for until written out, then read with direct I/O, which bypasses
+//   the page cache and returns what the device (or its own cache) holds.
+//   That doubles the device's work: measured at about three times the time
+//   of cp + sync (docs/PERFORMANCE.md).
 #pragma once
 
 #include <atomic>
@@ -24,13 +29,16 @@
 struct CCopySettings {
   // Bytes read, digested, written and read back at a time; rounded up to a
   // multiple of 4096 (direct I/O needs aligned offsets).
-  std::size_t m_ChunkBytes = 4u << 20;
+  std::size_t m_ChunkBytes = 1u << 20;
   // Chunks written ahead of their read-back: the device writes these while
   // the next ones are copied. As many chunk buffers are held in memory.
   unsigned int m_Window = 8;
   // A pause after every chunk, in milliseconds: a slow disk, for tests and
   // demonstrations. 0 in production.
   unsigned int m_PauseMs = 0;
+  // Read the copy back from the device (direct I/O) rather than from the
+  // page cache; see above for what each proves and costs.
+  bool m_ReadBackFromDevice = false;
 };
 
 // Bytes done and bytes expected of the copy under way, for progress
@@ -60,7 +68,8 @@ struct CCopyResult {
 // Copies source (read from its current offset 0 to its end) into target
 // (an empty file opened for reading and writing) and verifies it; target is
 // fsync'ed before the last chunks are read back. readBack is a descriptor
-// of the same file opened with O_DIRECT, or -1. stop is called after every
+// of the same file opened with O_DIRECT (read back from the device), or -1
+// (read back from the page cache). stop is called after every
 // chunk; when it returns true the copy ends with kStopped. progress, when
 // given, is updated after every chunk.
 CCopyResult CopyVerified(int source, int target, int readBack, const CCopySettings& settings,
