@@ -19,6 +19,7 @@
 #include <sstream>
 #include <string>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -969,4 +970,76 @@ TEST_F(EmHostEndToEnd, ServeAcksAndRepliesArriveWhileTheInputStaysOpen) {
   const CFinished finished = host.Finish();
   EXPECT_EQ(finished.m_Exit, 0) << finished.m_Err;
   EXPECT_EQ(finished.m_Err, "");
+}
+
+// ----- archives of any size, only regular files, and the value limit -------------------
+
+TEST_F(EmHostEndToEnd, ServeRefusesLinesHoldingMoreThanTheValueLimit) {
+  Tool(kToolWritesArchive);
+  // The line object, "id", "request", "SIP", "V", "CMD", the command, "OC"
+  // and "CA" are 9 values, "X" one more; its elements fill up to the limit.
+  auto line = [](const std::string& id, std::size_t elements) {
+    std::string list = "[";
+    for (std::size_t i = 0; i < elements; ++i) list += i == 0 ? "0" : ",0";
+    return R"({"id":)" + id + R"(,"request":{"SIP":{"V":1,"CMD":[{"OC":13312,"CA":0,"X":)" +
+           list + "]}]}}}\n";
+  };
+  const std::vector<std::string> lines =
+      Serve(line("1", 16384 - 10) + line("2", 16384 - 9) + RequestLine("3", kQuery));
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0].rfind(R"({"id":1,"event":"ack","result":1,)", 0), 0u) << lines[0].substr(0, 80);
+  EXPECT_EQ(lines[1], Error(2, "a line may hold at most 16384 JSON values"));
+  EXPECT_EQ(lines[2], Ack("3", 1, kQueryInstalled));
+}
+
+TEST_F(EmHostEndToEnd, TransferOfAnArchiveLeftAsALinkIsRefusedAndNamed) {
+  Tool(kToolWritesArchive);
+  WriteFile(m_Dir + "/secret", "not for the BMC\n", 0600);
+  ASSERT_EQ(::symlink((m_Dir + "/secret").c_str(), (m_Root + "/Korvex_Data.zip").c_str()), 0);
+  const CFinished run = EmHost({"transfer", "t.zip"});
+  EXPECT_EQ(run.m_Exit, 1);
+  EXPECT_EQ(run.m_Err, "em-host: transfer: status 9: the BMC could not read the archive: " +
+                           m_Root + "/Korvex_Data.zip is a symbolic link (not followed)\n");
+  EXPECT_TRUE(Entries(m_Bmc).empty());
+}
+
+TEST_F(EmHostEndToEnd, TransferOfAFifoArchiveDoesNotHang) {
+  Tool(kToolWritesArchive);
+  ASSERT_EQ(::mkfifo((m_Root + "/Korvex_Data.zip").c_str(), 0600), 0);
+  const CFinished run = EmHost({"transfer", "t.zip"});
+  EXPECT_EQ(run.m_Exit, 1);
+  EXPECT_EQ(run.m_Err, "em-host: transfer: status 9: the BMC could not read the archive: " +
+                           m_Root + "/Korvex_Data.zip is a FIFO, not a regular file\n");
+  EXPECT_TRUE(Entries(m_Bmc).empty());
+}
+
+// A 4 GiB archive through collect: the tool leaves a sparse file (no disk
+// space, read at memory speed), the copy writes 4 GiB for real. The
+// transfer's default "TO" (60 s + 4 GiB at 20 MB/s = 275 s) is what lets
+// it through; before, the switch gave up after 5 s. Takes about 10-20 s and
+// 4 GiB of disk for a moment (removed with the test's directory).
+TEST_F(EmHostEndToEnd, CollectDeliversAndVerifiesAFourGibibyteArchive) {
+  constexpr unsigned long long kSize = 4ull << 30;
+  struct statvfs space {};
+  ASSERT_EQ(::statvfs(m_Dir.c_str(), &space), 0);
+  if (static_cast<unsigned long long>(space.f_bavail) * space.f_frsize < kSize + (2ull << 30)) {
+    GTEST_SKIP() << "less than 6 GiB free in " << m_Dir;
+  }
+  Tool("cd \"$(dirname \"$0\")\" && rm -f Korvex_Data.zip && truncate -s 4G Korvex_Data.zip\n");
+  const CFinished run = EmHost({"collect", "big.zip"});
+  ASSERT_EQ(run.m_Exit, 0) << run.m_Out << run.m_Err;
+  // The digest of 4 GiB of zeros, computed here without touching the disk.
+  CSha256 zeros;
+  const std::string block(1u << 20, '\0');
+  for (unsigned long long done = 0; done < kSize; done += block.size()) {
+    zeros.Update(block.data(), block.size());
+  }
+  const std::string hex = zeros.FinalHex();
+  struct stat info {};
+  ASSERT_EQ(::stat((m_Bmc + "/big.zip").c_str(), &info), 0);
+  EXPECT_EQ(static_cast<unsigned long long>(info.st_size), kSize);
+  EXPECT_EQ(ReadFile(m_Bmc + "/big.zip.sha256"), hex + "  big.zip\n");
+  EXPECT_NE(run.m_Out.find("sha256:      " + hex + "\n"), std::string::npos) << run.m_Out;
+  EXPECT_EQ(Entries(m_Bmc), (std::set<std::string>{"big.zip", "big.zip.sha256"}));
+  ::unlink((m_Bmc + "/big.zip").c_str());
 }

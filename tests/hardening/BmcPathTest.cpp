@@ -5,16 +5,20 @@
 // module alone and end to end through em-host and the module, against a
 // snapshot of the whole area around the BMC directory.
 #include "host/emhost/BmcFileTransfer.h"
+#include "host/emhost/HostSwitch.h"
+#include "message/SipJson.h"
 #include "tests/hardening/HardeningSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <set>
 #include <string>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -255,6 +259,59 @@ TEST_F(BmcPath, ThroughTheModuleNoNameLeavesTheDirectory) {
   host.CloseInput();
   EXPECT_EQ(0, host.WaitForExit(60s)) << host.Errors();
   ExpectOnlyBmcChanged(before, stored);
+}
+
+// The BMC directory is opened once: swapping its path for a link to another
+// directory (and back) while transfers run sends nothing there, and leaves
+// no temporary file on either side.
+TEST_F(BmcPath, DirectorySwappedForALinkDuringTransfersWritesNothingOutside) {
+  const std::string parked = m_Area.Path() + "/bmc-parked";
+  CHostSwitch hostSwitch(5, CHtiMode{}, m_Bmc);
+  std::atomic<bool> done{false};
+  std::atomic<unsigned long> swaps{0};
+  std::thread swapper([&] {
+    while (!done) {
+      if (::rename(m_Bmc.c_str(), parked.c_str()) != 0) break;
+      const bool linked = ::symlink("outside", m_Bmc.c_str()) == 0;
+      std::this_thread::sleep_for(std::chrono::microseconds(300));
+      if (linked) ::unlink(m_Bmc.c_str());
+      if (::rename(parked.c_str(), m_Bmc.c_str()) != 0) break;
+      ++swaps;
+      std::this_thread::sleep_for(std::chrono::microseconds(300));
+    }
+  });
+  std::set<std::string> expected = {"link", "dirlink"};
+  for (int i = 0; i < 60; ++i) {
+    const std::string name = "swap-" + std::to_string(i) + ".zip";
+    const std::string text =
+        R"({"SIP":{"V":1,"CMD":[{"OC":61522,"TO":30,"DA":{"FileType":2,"LocalFilePath":")" +
+        m_Source + R"(","BmcFilePath":")" + name + R"("}}]}})";
+    SipJson request;
+    ASSERT_TRUE(request.FromJson(text.data(), text.size()));
+    EXPECT_EQ(1, hostSwitch.AsyncRequest(nullptr, request, 5000));
+    EXPECT_EQ(static_cast<unsigned int>(BMC_OK), request.Status()) << name;
+    expected.insert(name);
+    expected.insert(name + ".sha256");
+  }
+  done = true;
+  swapper.join();
+  EXPECT_GT(swaps.load(), 0u);
+  // The directory is back under its path; everything went into it.
+  struct stat info {};
+  ASSERT_EQ(0, ::lstat(m_Bmc.c_str(), &info));
+  ASSERT_TRUE(S_ISDIR(info.st_mode));
+  std::set<std::string> entries;
+  for (const auto& node : Snapshot(m_Bmc)) {
+    if (node.first != "." && node.first.find('/') == std::string::npos) entries.insert(node.first);
+  }
+  EXPECT_EQ(expected, entries);
+  for (const std::string& name : entries) EXPECT_NE('.', name[0]) << name;
+  std::set<std::string> outside;
+  for (const auto& node : Snapshot(m_Outside)) {
+    if (node.first != ".") outside.insert(node.first);
+  }
+  EXPECT_EQ((std::set<std::string>{"target"}), outside);
+  EXPECT_EQ("outside, never to be written\n", ReadFile(m_Outside + "/target"));
 }
 
 }  // namespace
