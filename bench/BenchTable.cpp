@@ -61,8 +61,9 @@ class CResults {
       return NAN;
     }
     double value = (*run)[which].GetDouble();
-    const std::string unit =
-        run->HasMember("time_unit") && (*run)["time_unit"].IsString() ? (*run)["time_unit"].GetString() : "ns";
+    const std::string unit = run->HasMember("time_unit") && (*run)["time_unit"].IsString()
+                                 ? (*run)["time_unit"].GetString()
+                                 : "ns";
     if (unit == "us") value *= 1e3;
     if (unit == "ms") value *= 1e6;
     if (unit == "s") value *= 1e9;
@@ -170,12 +171,11 @@ int main(int argc, char** argv) {
   rows.push_back({"2 (same, 99th percentile)", Format(rtP99, "µs"),
                   "bare event hand-over: " + Format(handP99, "µs"), Ratio(rtP99, handP99), "-",
                   "-"});
-  rows.push_back({"2 deep copy of the request (share of the median round trip)",
-                  Format(copyUs, "µs", 2), "round trip: " + Format(rtMedian, "µs"),
-                  std::isnan(copyUs) || std::isnan(rtMedian)
-                      ? "n/a"
-                      : Format(100.0 * copyUs / rtMedian, "%"),
-                  "shown", "-"});
+  rows.push_back(
+      {"2 deep copy of the request (share of the median round trip)", Format(copyUs, "µs", 2),
+       "round trip: " + Format(rtMedian, "µs"),
+       std::isnan(copyUs) || std::isnan(rtMedian) ? "n/a" : Format(100.0 * copyUs / rtMedian, "%"),
+       "shown", "-"});
   rows.push_back({"2 InsertTask call on the caller's thread, median", Format(insert, "µs", 2),
                   "round trip: " + Format(rtMedian, "µs"), Ratio(insert, rtMedian), "-", "-"});
 
@@ -188,7 +188,8 @@ int main(int argc, char** argv) {
   const double exitP99 = r.Number("BM_ArchiveCreation", "exit_to_reply_p99_us");
   const double ratio3 = moduleMedian / bareMedian;
   rows.push_back({"3 Archive creation, ModuleRequest to SendReply, median",
-                  Format(moduleMedian, "µs"), "bare posix_spawn+waitpid: " + Format(bareMedian, "µs"),
+                  Format(moduleMedian, "µs"),
+                  "bare posix_spawn+waitpid: " + Format(bareMedian, "µs"),
                   Ratio(moduleMedian, bareMedian), "ratio <= 1.5", Verdict(ratio3, true, 1.5)});
   rows.push_back({"3 (same, 99th percentile)", Format(moduleP99, "µs"),
                   "bare posix_spawn+waitpid: " + Format(bareP99, "µs"), Ratio(moduleP99, bareP99),
@@ -223,8 +224,9 @@ int main(int argc, char** argv) {
   const double traceFile = r.TimeNs("BM_Query_TraceFile5", "cpu_time");
   const double traceLevel1 = r.TimeNs("BM_Query_TraceOnLevel1", "cpu_time");
   rows.push_back({"5 ModuleRequest 0x3400, tracing on to a file at level 5",
-                  withWall(traceFile, "BM_Query_TraceFile5"), "trace off: " + Format(queryOff, "ns"),
-                  Ratio(traceFile, queryOff), "none set", "-"});
+                  withWall(traceFile, "BM_Query_TraceFile5"),
+                  "trace off: " + Format(queryOff, "ns"), Ratio(traceFile, queryOff), "none set",
+                  "-"});
   rows.push_back({"5 (trace switch on, host level 1: every line filtered)",
                   withWall(traceLevel1, "BM_Query_TraceOnLevel1"),
                   "trace off: " + Format(queryOff, "ns"), Ratio(traceLevel1, queryOff), "none set",
@@ -246,6 +248,43 @@ int main(int argc, char** argv) {
                   "same session idle: " + Format(idleHwm, "KiB", 0), Ratio(queuedHwm, idleHwm),
                   "none set", "-"});
 
+  // 7. Verified transfer against cp + sync and cp + sha256sum.
+  for (const char* size : {"64", "512", "4096"}) {
+    const std::string name = std::string("BM_Transfer/") + size;
+    const double ours = r.Number(name, "ours_s");
+    const double cpSync = r.Number(name, "cp_sync_s");
+    const double cpSha = r.Number(name, "cp_sha_s");
+    const std::string label = std::string(size) + " MiB";
+    rows.push_back({"7 verified transfer of " + label + " (wall; MB/s; CPU)",
+                    Format(ours, "s", 2) + "; " + Format(r.Number(name, "ours_mb_s"), "MB/s", 0) +
+                        "; CPU " + Format(r.Number(name, "ours_cpu_s"), "s", 2),
+                    "cp + sync: " + Format(cpSync, "s", 2) + "; " +
+                        Format(r.Number(name, "cp_sync_mb_s"), "MB/s", 0) + "; CPU " +
+                        Format(r.Number(name, "cp_sync_cpu_s"), "s", 2),
+                    Ratio(ours, cpSync), "ratio <= 1.5", Verdict(ours / cpSync, true, 1.5)});
+    rows.push_back({"7 (same, against cp + sha256sum of source and copy)", Format(ours, "s", 2),
+                    "cp + sha256sum: " + Format(cpSha, "s", 2) + "; CPU " +
+                        Format(r.Number(name, "cp_sha_cpu_s"), "s", 2),
+                    Ratio(ours, cpSha), "ratio <= 1", Verdict(ours / cpSha, true, 1.0)});
+  }
+
+  // 8. FindProcess among many processes.
+  for (const char* extra : {"1000", "10000"}) {
+    const std::string name = std::string("BM_FindProcessCrowd/") + extra;
+    const double find = r.Number(name, "find_median_us");
+    const double pgrep = r.Number(name, "pgrep_median_us");
+    rows.push_back({std::string("8 FindProcess with ") + extra + " extra processes, median",
+                    Format(find, "µs", 0), "pgrep -x: " + Format(pgrep, "µs", 0),
+                    Ratio(find, pgrep), "-", "-"});
+  }
+
+  // 9. serve's peak RSS over a long session.
+  const double rssSmall = r.Number("BM_ServeRssLines/10000", "hwm_kb");
+  const double rssLarge = r.Number("BM_ServeRssLines/1000000", "hwm_kb");
+  rows.push_back({"9 em-host serve peak RSS (VmHWM) after 10^6 queries", Format(rssLarge, "KiB", 0),
+                  "after 10^4 queries: " + Format(rssSmall, "KiB", 0), Ratio(rssLarge, rssSmall),
+                  "ratio <= 1.5", Verdict(rssLarge / rssSmall, true, 1.5)});
+
   std::printf("| Figure | Measured | Reference (same run) | Ratio | Target | Result |\n");
   std::printf("|---|---|---|---|---|---|\n");
   for (const CRow& row : rows) {
@@ -259,7 +298,7 @@ int main(int argc, char** argv) {
        {"BM_Query_TraceOff", "BM_BaseModuleRequest", "BM_Query_FreshMessage", "BM_Query_TraceFile5",
         "BM_Query_TraceOnLevel1", "BM_QueueRoundTrip", "BM_EventHandOver", "BM_TaskCopy",
         "BM_QueuedTaskBytes", "BM_ArchiveSteps", "BM_ArchiveCreation", "BM_ServeThroughput",
-        "BM_ServePeakRss"}) {
+        "BM_ServePeakRss", "BM_Transfer", "BM_FindProcessCrowd", "BM_ServeRssLines"}) {
     const std::string error = r.Error(name);
     if (!error.empty()) {
       std::printf("\n%s failed: %s", name, error.c_str());

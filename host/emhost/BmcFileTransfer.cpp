@@ -8,8 +8,8 @@
 #include <chrono>
 #include <cstring>
 #include <exception>
-#include <functional>
 #include <fcntl.h>
+#include <functional>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -188,8 +188,8 @@ unsigned int CBmcFileTransfer::Store(const CBmcTransferRequest& request, int sou
   std::uint64_t available = 0;
   if (!m_Dir.FreeBytes(available)) return fail(BMC_WRITE_FAILED, std::strerror(errno));
   if (available < size + kSpaceReserve) {
-    return fail(BMC_NO_SPACE, std::to_string(size) + " bytes needed, " +
-                                  std::to_string(available) + " free");
+    return fail(BMC_NO_SPACE,
+                std::to_string(size) + " bytes needed, " + std::to_string(available) + " free");
   }
 
   std::string tempName;
@@ -201,9 +201,8 @@ unsigned int CBmcFileTransfer::Store(const CBmcTransferRequest& request, int sou
   CTempEntry temp(m_Dir, tempName);
   // For a read-back from the device: the same file (checked by inode) with
   // direct I/O, where the file system offers it.
-  CUniqueFd readBack(m_Settings.m_ReadBackFromDevice
-                         ? m_Dir.OpenEntry(tempName, O_RDONLY | O_DIRECT)
-                         : -1);
+  CUniqueFd readBack(
+      m_Settings.m_ReadBackFromDevice ? m_Dir.OpenEntry(tempName, O_RDONLY | O_DIRECT) : -1);
   struct stat written {};
   struct stat reread {};
   if (readBack.Valid() &&

@@ -63,12 +63,12 @@ struct CBmcTransferJob {
   bool m_Finished = false;
   bool m_Cancelled = false;
   unsigned int m_Status = BMC_WRITE_FAILED;
-  std::string m_Message;     // not BMC_OK: what was wrong, in words
-  std::string m_StoredPath;  // on success
-  std::string m_Sha256;      // on success
-  std::uint64_t m_Size = 0;  // on success
+  std::string m_Message;              // not BMC_OK: what was wrong, in words
+  std::string m_StoredPath;           // on success
+  std::string m_Sha256;               // on success
+  std::uint64_t m_Size = 0;           // on success
   bool m_ReadBackFromDevice = false;  // on success: the verification used direct I/O
-  CCopyProgress m_Progress;  // read without the lock
+  CCopyProgress m_Progress;           // read without the lock
 
   bool Cancelled() {
     std::lock_guard<std::mutex> lock(m_Mutex);

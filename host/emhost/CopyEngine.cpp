@@ -106,7 +106,7 @@ class CHasher {
   std::uint64_t m_Digested = 0;
   bool m_End = false;
   std::exception_ptr m_Error;
-  CSha256 m_Digest;     // only the hashing thread touches it until Final
+  CSha256 m_Digest;      // only the hashing thread touches it until Final
   std::thread m_Thread;  // last: starts once everything above exists
 };
 
@@ -227,9 +227,9 @@ class CVerifiedCopy {
     const std::size_t length = m_Lengths[slot];
     const off_t offset = static_cast<off_t>(k * m_Chunk);
     if (m_ReadBack >= 0 &&
-        WriteOutFailed(::sync_file_range(m_Target, offset, static_cast<off_t>(length),
-                                         SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE |
-                                             SYNC_FILE_RANGE_WAIT_AFTER))) {
+        WriteOutFailed(::sync_file_range(
+            m_Target, offset, static_cast<off_t>(length),
+            SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER))) {
       return Fail(WriteOutcome(errno), Errno("cannot write the copy out"));
     }
     std::size_t got = 0;
@@ -238,8 +238,7 @@ class CVerifiedCopy {
     }
     if (got != length || std::memcmp(m_Check.get(), m_Ring[slot].get(), length) != 0) {
       return Fail(CopyOutcome::kMismatch,
-                  "the copy read back differs from the source at offset " +
-                      std::to_string(offset));
+                  "the copy read back differs from the source at offset " + std::to_string(offset));
     }
     return true;
   }

@@ -981,13 +981,14 @@ TEST_F(EmHostEndToEnd, ServeRefusesLinesHoldingMoreThanTheValueLimit) {
   auto line = [](const std::string& id, std::size_t elements) {
     std::string list = "[";
     for (std::size_t i = 0; i < elements; ++i) list += i == 0 ? "0" : ",0";
-    return R"({"id":)" + id + R"(,"request":{"SIP":{"V":1,"CMD":[{"OC":13312,"CA":0,"X":)" +
-           list + "]}]}}}\n";
+    return R"({"id":)" + id + R"(,"request":{"SIP":{"V":1,"CMD":[{"OC":13312,"CA":0,"X":)" + list +
+           "]}]}}}\n";
   };
   const std::vector<std::string> lines =
       Serve(line("1", 16384 - 10) + line("2", 16384 - 9) + RequestLine("3", kQuery));
   ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[0].rfind(R"({"id":1,"event":"ack","result":1,)", 0), 0u) << lines[0].substr(0, 80);
+  EXPECT_EQ(lines[0].rfind(R"({"id":1,"event":"ack","result":1,)", 0), 0u)
+      << lines[0].substr(0, 80);
   EXPECT_EQ(lines[1], Error(2, "a line may hold at most 16384 JSON values"));
   EXPECT_EQ(lines[2], Ack("3", 1, kQueryInstalled));
 }

@@ -204,8 +204,8 @@ TEST(EmHostCopyEngine, StopCheckEndsTheCopy) {
   const int target =
       ::open((dir.Path() + "/dst").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   int chunks = 0;
-  const CCopyResult result = CopyVerified(source, target, -1, CCopySettings{4096, 2, 0},
-                                          [&] { return ++chunks == 3; }, nullptr);
+  const CCopyResult result = CopyVerified(
+      source, target, -1, CCopySettings{4096, 2, 0}, [&] { return ++chunks == 3; }, nullptr);
   ::close(source);
   ::close(target);
   EXPECT_EQ(result.m_Outcome, CopyOutcome::kStopped);
@@ -367,8 +367,7 @@ TEST(EmHostSwitchStop, ProgressShowsTheCopyUnderWay) {
 TEST(EmHostProgressText, BytesShareAndRate) {
   EXPECT_EQ(ByteCount(512), "512 B");
   EXPECT_EQ(ByteCount(3u << 20), "3.0 MiB");
-  EXPECT_EQ(TransferProgressText(1u << 30, 4ull << 30, 2.0),
-            "1.0 GiB of 4.0 GiB (25 %), 537 MB/s");
+  EXPECT_EQ(TransferProgressText(1u << 30, 4ull << 30, 2.0), "1.0 GiB of 4.0 GiB (25 %), 537 MB/s");
   EXPECT_EQ(TransferProgressText(100, 0, 0.0), "100 B");
 }
 
