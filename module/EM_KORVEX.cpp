@@ -4,6 +4,7 @@
 
 #include "frame/Trace.h"
 #include "module/ModuleConstants.h"
+#include "util/FileStatus.h"
 #include "util/Directory.h"
 
 #include <cstring>
@@ -85,7 +86,7 @@ int EM_KORVEX::Start(CISwitch* pSwitch, unsigned int moduleId) {
 
     // Any kind of file counts: the installer decides what "Korvex" is.
     struct stat status;
-    if (stat(m_ExecutablePath.c_str(), &status) == 0) {
+    if (korvex::FileStatus(m_ExecutablePath.c_str(), status) == 0) {
       KORVEX_TRACE(1, "\nEM_KORVEX (Start)   : -> Korvex is installed - module will be started");
       __atomic_store_n(&m_Installed, 1u, __ATOMIC_RELAXED);
     } else {
@@ -173,7 +174,7 @@ unsigned int EM_KORVEX::SetupAction(unsigned int action) {
       KORVEX_TRACE(2, "\nEM_KORVEX (SetupAct): Remove complete Korvex archive data dir \"%s\"...",
                    dataDirectory);
       struct stat status;
-      if (dataDirectory[0] != '\0' && stat(dataDirectory, &status) == 0 &&
+      if (dataDirectory[0] != '\0' && korvex::FileStatus(dataDirectory, status) == 0 &&
           S_ISDIR(status.st_mode)) {
         // The removal judges its own final rmdir in reverse: a directory
         // removed completely gives 0, one left in place gives 1. The
