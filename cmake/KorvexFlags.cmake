@@ -43,6 +43,9 @@ endfunction()
 # keeps to what the manylinux_2_28 policy allows, the legacy-ABI build to the
 # manylinux2014 policy (the enterprise systems whose hosts still use the old
 # std::string). tests/module checks the built plug-in against these values.
+# The unwinder of libgcc_s (GCC_ versions) is held to 4.8.0 in both builds:
+# both policies allow at least that, and the plug-in needs only GCC_3.0.
+set(KORVEX_BASELINE_GCC 4.8.0)
 if(KORVEX_LEGACY_CXX_ABI)
   set(KORVEX_BASELINE_GLIBC 2.17)
   set(KORVEX_BASELINE_GLIBCXX 3.4.19)
