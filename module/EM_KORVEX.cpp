@@ -39,14 +39,14 @@ EM_KORVEX::EM_KORVEX() : m_Installed(0), m_ToolProcessId(0) {
 EM_KORVEX::~EM_KORVEX() {
   KORVEX_TRACE(1, "\nEM_KORVEX           : CLASS DESTROYED!");
   // The host stops the module before it deletes it, so normally the worker
-  // is gone by now and the serializer's own destructor (after the strings)
-  // merely frees what is still queued. A host that skipped Stop would leave
-  // the worker free to call OnTaskExecution on a half-destroyed object, so a
-  // worker still alive here is ended before any member goes. A running tool
-  // is not touched: that is Stop's job.
-  if (IsWorkerAlive()) {
-    TerminateSerialization();
-  }
+  // is gone by now. A host that skipped Stop leaves it alive: it must be out
+  // of OnTaskExecution, and kept out, before the strings below go. Ending it
+  // is left to the serializer's destructor (TerminateSerialization), so such
+  // a host sees the same lines as for any serializer with a live worker. A
+  // task still running after the serializer's usual grace is ended with its
+  // thread; the tool process it may have started keeps running, as the
+  // module only ends that in Stop.
+  QuiesceWorker();
 }
 
 const char* EM_KORVEX::GetName() { return korvex::kModuleName; }
