@@ -4,8 +4,8 @@
 
 #include "frame/Trace.h"
 #include "module/ModuleConstants.h"
-#include "util/FileStatus.h"
 #include "util/Directory.h"
+#include "util/FileStatus.h"
 
 #include <cstring>
 #include <sys/stat.h>

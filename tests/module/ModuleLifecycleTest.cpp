@@ -568,16 +568,16 @@ const char* const kCreateRequest = R"({"SIP":{"V":1,"CMD":[{"OC":13313,"TO":30,"
 // the module's own line, then the serializer's destructor ending the live
 // worker, exactly as for any serializer; no other line in between.
 std::vector<CLine> DestructionWithIdleWorkerLines(unsigned int worker) {
-  return {{1, "\nEM_KORVEX           : CLASS DESTROYED!"},
-          {4, "\nCTaskSerializer     : TerminateSerialization!"},
-          {4, "\nCTaskSerializer     : Disable all Tasks"},
-          {4, "\nCTaskSerializer     : All pending tasks removed from queues!"},
-          {4, "\nCTaskSerializer     : Wakeup from (any) task queue!"},
-          {4, "\nCTaskSerializer     : EXIT THREAD TaskHandler()!"},
-          {1, "THREAD_RETURN: ## INFO: Thread = " + Hex8(worker) +
-                  " exited, Return = 0x00000000##\n"},
-          {5, "\nCTaskSerializer     :   terminated"},
-          {4, "\n\nCTaskSerializer     : Class destroyed!"}};
+  return {
+      {1, "\nEM_KORVEX           : CLASS DESTROYED!"},
+      {4, "\nCTaskSerializer     : TerminateSerialization!"},
+      {4, "\nCTaskSerializer     : Disable all Tasks"},
+      {4, "\nCTaskSerializer     : All pending tasks removed from queues!"},
+      {4, "\nCTaskSerializer     : Wakeup from (any) task queue!"},
+      {4, "\nCTaskSerializer     : EXIT THREAD TaskHandler()!"},
+      {1, "THREAD_RETURN: ## INFO: Thread = " + Hex8(worker) + " exited, Return = 0x00000000##\n"},
+      {5, "\nCTaskSerializer     :   terminated"},
+      {4, "\n\nCTaskSerializer     : Class destroyed!"}};
 }
 
 }  // namespace

@@ -157,7 +157,8 @@ std::string BaselineViolation(const CVersionedSymbol& symbol) {
   for (const auto& family : baseline) {
     const std::string prefix = family.m_Family;
     if (symbol.m_Version.compare(0, prefix.size(), prefix) != 0) continue;
-    const std::vector<unsigned long> version = VersionNumbers(symbol.m_Version.substr(prefix.size()));
+    const std::vector<unsigned long> version =
+        VersionNumbers(symbol.m_Version.substr(prefix.size()));
     if (version.empty()) break;  // e.g. GLIBC_PRIVATE
     if (version <= VersionNumbers(family.m_Newest)) return "";
     return symbol.m_Name + " needs " + symbol.m_Version + ", newer than the baseline " + prefix +
@@ -197,7 +198,8 @@ TEST(PluginSymbolsTest, BaselineCheckNamesEveryNewerSymbol) {
       "0000000000000000      DF *UND*\t0000000000000000 (GLIBC_2.17) clock_gettime\n"
       "0000000000000000      DF *UND*\t0000000000000000 (GLIBCXX_3.4.29) "
       "_ZSt28__throw_bad_array_new_lengthv\n"
-      "0000000000000000      DF *UND*\t0000000000000000 (CXXABI_1.3.13) __cxa_init_primary_exception\n"
+      "0000000000000000      DF *UND*\t0000000000000000 (CXXABI_1.3.13) "
+      "__cxa_init_primary_exception\n"
       "0000000000000000      DF *UND*\t0000000000000000 (GLIBC_PRIVATE) _dl_find_object\n"
       "0000000000000000      DF *UND*\t0000000000000000 (CXXABI_1.3) __cxa_throw\n"
       "0000000000000000      DF *UND*\t0000000000000000 (GCC_3.0) _Unwind_Resume\n"
@@ -207,12 +209,14 @@ TEST(PluginSymbolsTest, BaselineCheckNamesEveryNewerSymbol) {
   ASSERT_EQ(4u, violations.size()) << ::testing::PrintToString(violations);
   EXPECT_EQ("stat needs GLIBC_2.33, newer than the baseline GLIBC_" KORVEX_BASELINE_GLIBC,
             violations[0]);
-  EXPECT_EQ("_ZSt28__throw_bad_array_new_lengthv needs GLIBCXX_3.4.29, newer than the baseline "
-            "GLIBCXX_" KORVEX_BASELINE_GLIBCXX,
-            violations[1]);
-  EXPECT_EQ("__cxa_init_primary_exception needs CXXABI_1.3.13, newer than the baseline "
-            "CXXABI_" KORVEX_BASELINE_CXXABI,
-            violations[2]);
+  EXPECT_EQ(
+      "_ZSt28__throw_bad_array_new_lengthv needs GLIBCXX_3.4.29, newer than the baseline "
+      "GLIBCXX_" KORVEX_BASELINE_GLIBCXX,
+      violations[1]);
+  EXPECT_EQ(
+      "__cxa_init_primary_exception needs CXXABI_1.3.13, newer than the baseline "
+      "CXXABI_" KORVEX_BASELINE_CXXABI,
+      violations[2]);
   EXPECT_EQ("_dl_find_object needs GLIBC_PRIVATE, a version outside the baseline", violations[3]);
   // Numbers compare as numbers, not as text: 2.9 is older than 2.17.
   EXPECT_TRUE(BaselineViolation({"x", "GLIBC_2.9"}).empty());
