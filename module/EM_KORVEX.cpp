@@ -45,7 +45,9 @@ EM_KORVEX::~EM_KORVEX() {
   // a host sees the same lines as for any serializer with a live worker. A
   // task still running after the serializer's usual grace is ended with its
   // thread; the tool process it may have started keeps running, as the
-  // module only ends that in Stop.
+  // module only ends that in Stop. This must be the first thing the most
+  // derived destructor does: only then is the worker held before the
+  // object's dynamic type changes on the way down.
   QuiesceWorker();
 }
 

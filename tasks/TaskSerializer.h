@@ -22,9 +22,8 @@
 #include "tasks/CriticalSection.h"
 #include "tasks/RingBuffer.h"
 #include "tasks/ThreadMonitor.h"
+#include "tasks/WorkerState.h"
 
-#include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -131,23 +130,15 @@ class CTaskSerializer {
   // Whether the worker may be inside a call into the derived class (from its
   // start to each wait for the wake-up event, and from each wake-up on), and
   // whether QuiesceWorker holds it before its next such call.
-  std::mutex m_WorkerStateMutex;
-  std::condition_variable m_WorkerStateChanged;
-  bool m_WorkerBusy = false;
-  bool m_HoldWorker = false;
+  CWorkerState m_WorkerState;
 
  private:
-  // The worker's side of QuiesceWorker.
-  void EnterIdle();
-  void LeaveIdle();
-  void ReleaseWorker();
-
   // Marks the worker idle however it leaves TaskHandler, also when it is
   // killed: a dead worker must never be waited for.
   class CIdleOnExit {
    public:
     explicit CIdleOnExit(CTaskSerializer& serializer) : m_Serializer(serializer) {}
-    ~CIdleOnExit() { m_Serializer.EnterIdle(); }
+    ~CIdleOnExit() { m_Serializer.m_WorkerState.EnterIdle(); }
     CIdleOnExit(const CIdleOnExit&) = delete;
     CIdleOnExit& operator=(const CIdleOnExit&) = delete;
 
@@ -297,13 +288,9 @@ void CTaskSerializer<T>::StartSerialization() {
   // TerminateSerialization. Hosts rely on that order; keep it.
   m_WakeupEvent.Reset();
   __atomic_store_n(&m_TerminateFlag, 0u, __ATOMIC_RELEASE);
-  {
-    // Busy from birth: the new thread calls OnSerializationStarted before
-    // its first wait, possibly only after this function has returned.
-    std::lock_guard<std::mutex> state(m_WorkerStateMutex);
-    m_WorkerBusy = true;
-    m_HoldWorker = false;
-  }
+  // Busy from birth: the new thread calls OnSerializationStarted before its
+  // first wait, possibly only after this function has returned.
+  m_WorkerState.Starting();
   m_Thread.Start(&CTaskSerializer::Thread_RunTaskHandler, this, 83, 0, m_ThreadStartOption, 0, 1);
   // Lets the new thread begin before it is named in the thread monitor.
   usleep(100000);
@@ -330,9 +317,9 @@ __attribute__((no_sanitize("null"))) void CTaskSerializer<T>::TaskHandler() {
 
   for (;;) {
     KORVEX_TRACE(4, "\nCTaskSerializer     : Waiting on task queue for next task ...");
-    EnterIdle();
+    m_WorkerState.EnterIdle();
     m_WakeupEvent.Wait(0xFFFFFFFFu, 1);
-    LeaveIdle();
+    m_WorkerState.LeaveIdle();
     KORVEX_TRACE(4, "\nCTaskSerializer     : Wakeup from (any) task queue!");
     if (TerminateRequested()) {
       break;
@@ -437,34 +424,6 @@ __attribute__((no_sanitize("null"))) void CTaskSerializer<T>::TaskHandler() {
 }
 
 template <class T>
-void CTaskSerializer<T>::EnterIdle() {
-  {
-    std::lock_guard<std::mutex> state(m_WorkerStateMutex);
-    m_WorkerBusy = false;
-  }
-  m_WorkerStateChanged.notify_all();
-}
-
-template <class T>
-void CTaskSerializer<T>::LeaveIdle() {
-  // A kill while held takes effect at the next cancellation point after the
-  // wait: a cancellation must not unwind through the (noexcept) wait.
-  CNoCancellation noCancel;
-  std::unique_lock<std::mutex> state(m_WorkerStateMutex);
-  m_WorkerStateChanged.wait(state, [this] { return !m_HoldWorker; });
-  m_WorkerBusy = true;
-}
-
-template <class T>
-void CTaskSerializer<T>::ReleaseWorker() {
-  {
-    std::lock_guard<std::mutex> state(m_WorkerStateMutex);
-    m_HoldWorker = false;
-  }
-  m_WorkerStateChanged.notify_all();
-}
-
-template <class T>
 void CTaskSerializer<T>::QuiesceWorker() {
   if (!IsWorkerAlive()) {
     return;
@@ -472,14 +431,8 @@ void CTaskSerializer<T>::QuiesceWorker() {
   // Without a mutual wait on this state the derived destructor could free
   // members a task still uses, and the change of the object's dynamic type
   // on the way down would race with the worker's virtual calls.
-  bool idle = false;
-  {
-    std::unique_lock<std::mutex> state(m_WorkerStateMutex);
-    m_HoldWorker = true;
-    idle = m_WorkerStateChanged.wait_for(state, std::chrono::milliseconds(2100),
-                                         [this] { return !m_WorkerBusy; });
-  }
-  if (!idle) {
+  // The grace of a running task in TerminateSerialization: 100 ms + 2000 ms.
+  if (!m_WorkerState.HoldAndWaitIdle(2100)) {
     // A task still runs (a host that deletes a working module without Stop):
     // it is ended as Stop would end it, with the thread. A tool process it
     // started is not touched here; ending that is Stop's job.
@@ -517,7 +470,7 @@ void CTaskSerializer<T>::TerminateSerialization() {
     m_WakeupEvent.Set();
     // A worker held by QuiesceWorker goes on now: it sees the flag and
     // leaves without touching a queue.
-    ReleaseWorker();
+    m_WorkerState.Release();
 
     usleep(100000);
     m_Thread.WaitForTermination(2000);
