@@ -8,10 +8,15 @@
 #pragma once
 
 #include <stdexcept>
+#include <string>
 
+// The message is passed as a std::string: std::logic_error's const char*
+// constructor is a newer library symbol (GLIBCXX_3.4.21) than the older
+// hosts the plug-in must load into provide.
 #ifndef RAPIDJSON_ASSERT
-#define RAPIDJSON_ASSERT(x) \
-  ((x) ? static_cast<void>(0) : throw std::logic_error("JSON value used as the wrong type: " #x))
+#define RAPIDJSON_ASSERT(x)   \
+  ((x) ? static_cast<void>(0) \
+       : throw std::logic_error(std::string("JSON value used as the wrong type: " #x)))
 #endif
 #ifndef RAPIDJSON_HAS_STDSTRING
 #define RAPIDJSON_HAS_STDSTRING 1

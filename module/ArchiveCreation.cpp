@@ -4,6 +4,7 @@
 #include "frame/Trace.h"
 #include "module/EM_KORVEX.h"
 #include "module/ModuleConstants.h"
+#include "util/FileStatus.h"
 
 #include <cerrno>
 #include <ctime>
@@ -54,7 +55,7 @@ int EM_KORVEX::GetKorvexPath(std::string& root) {
 
 int EM_KORVEX::DeleteArchiveFile() {
   struct stat status;
-  if (stat(m_ArchivePath.c_str(), &status) != 0) {
+  if (korvex::FileStatus(m_ArchivePath.c_str(), status) != 0) {
     KORVEX_TRACE(4, "\nEM_KORVEX           :   Korvex archive file not existing");
     return 0;
   }
@@ -125,11 +126,11 @@ bool EM_KORVEX::StartArchiveCreation(SipJson& request) {
 
         if (exitCode == 0) {
           struct stat archive;
-          if (stat(m_ArchivePath.c_str(), &archive) == 0) {
+          if (korvex::FileStatus(m_ArchivePath.c_str(), archive) == 0) {
             const time_t endTime = time(nullptr);
             unsigned int sizeKb = 0;
             struct stat sized;
-            if (stat(m_ArchivePath.c_str(), &sized) == 0) {
+            if (korvex::FileStatus(m_ArchivePath.c_str(), sized) == 0) {
               sizeKb = static_cast<unsigned int>(sized.st_size) >> 10;
             }
             KORVEX_TRACE(2, "\nEM_KORVEX (Create)  : Korvex archive successfully created");

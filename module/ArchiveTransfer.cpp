@@ -5,6 +5,7 @@
 #include "message/RapidJsonUtil.h"
 #include "module/EM_KORVEX.h"
 #include "module/ModuleConstants.h"
+#include "util/FileStatus.h"
 
 #include <string>
 #include <sys/stat.h>
@@ -36,7 +37,7 @@ bool EM_KORVEX::TransferArchiveToBmc(SipJson& request) {
   }
 
   struct stat archive;
-  if (stat(m_ArchivePath.c_str(), &archive) != 0) {
+  if (korvex::FileStatus(m_ArchivePath.c_str(), archive) != 0) {
     request.SetStatus(korvex::kStatusNoArchive);
     KORVEX_TRACE(1,
                  "\n\nEM_KORVEX (Transfer): ## ERROR! Korvex archive does not exist - cannot "

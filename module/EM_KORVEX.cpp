@@ -5,6 +5,7 @@
 #include "frame/Trace.h"
 #include "module/ModuleConstants.h"
 #include "util/Directory.h"
+#include "util/FileStatus.h"
 
 #include <cstring>
 #include <sys/stat.h>
@@ -38,14 +39,16 @@ EM_KORVEX::EM_KORVEX() : m_Installed(0), m_ToolProcessId(0) {
 EM_KORVEX::~EM_KORVEX() {
   KORVEX_TRACE(1, "\nEM_KORVEX           : CLASS DESTROYED!");
   // The host stops the module before it deletes it, so normally the worker
-  // is gone by now and the serializer's own destructor (after the strings)
-  // merely frees what is still queued. A host that skipped Stop would leave
-  // the worker free to call OnTaskExecution on a half-destroyed object, so a
-  // worker still alive here is ended before any member goes. A running tool
-  // is not touched: that is Stop's job.
-  if (IsWorkerAlive()) {
-    TerminateSerialization();
-  }
+  // is gone by now. A host that skipped Stop leaves it alive: it must be out
+  // of OnTaskExecution, and kept out, before the strings below go. Ending it
+  // is left to the serializer's destructor (TerminateSerialization), so such
+  // a host sees the same lines as for any serializer with a live worker. A
+  // task still running after the serializer's usual grace is ended with its
+  // thread; the tool process it may have started keeps running, as the
+  // module only ends that in Stop. This must be the first thing the most
+  // derived destructor does: only then is the worker held before the
+  // object's dynamic type changes on the way down.
+  QuiesceWorker();
 }
 
 const char* EM_KORVEX::GetName() { return korvex::kModuleName; }
@@ -85,7 +88,7 @@ int EM_KORVEX::Start(CISwitch* pSwitch, unsigned int moduleId) {
 
     // Any kind of file counts: the installer decides what "Korvex" is.
     struct stat status;
-    if (stat(m_ExecutablePath.c_str(), &status) == 0) {
+    if (korvex::FileStatus(m_ExecutablePath.c_str(), status) == 0) {
       KORVEX_TRACE(1, "\nEM_KORVEX (Start)   : -> Korvex is installed - module will be started");
       __atomic_store_n(&m_Installed, 1u, __ATOMIC_RELAXED);
     } else {
@@ -173,7 +176,7 @@ unsigned int EM_KORVEX::SetupAction(unsigned int action) {
       KORVEX_TRACE(2, "\nEM_KORVEX (SetupAct): Remove complete Korvex archive data dir \"%s\"...",
                    dataDirectory);
       struct stat status;
-      if (dataDirectory[0] != '\0' && stat(dataDirectory, &status) == 0 &&
+      if (dataDirectory[0] != '\0' && korvex::FileStatus(dataDirectory, status) == 0 &&
           S_ISDIR(status.st_mode)) {
         // The removal judges its own final rmdir in reverse: a directory
         // removed completely gives 0, one left in place gives 1. The

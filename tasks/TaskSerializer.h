@@ -8,9 +8,13 @@
 // enabling of levels and InsertTask are the passive half; StartSerialization,
 // the worker loop, TerminateSerialization and destruction the active half.
 //
-// A derived class whose OnTaskExecution can still be running must call
-// TerminateSerialization in its own destructor: by the time this base's
-// destructor runs, the derived part (and its override) is already gone.
+// Destruction with a live worker: by the time this base's destructor runs
+// (and its TerminateSerialization ends the worker), the derived part and its
+// overrides are already gone. A derived class whose worker may still run
+// calls QuiesceWorker at the start of its own destructor: it returns once the
+// worker has left every call into the derived class and is held before the
+// next one, and writes no trace, so that the base's destructor alone ends the
+// worker with its usual lines.
 #pragma once
 
 #include "frame/HostServices.h"
@@ -18,6 +22,7 @@
 #include "tasks/CriticalSection.h"
 #include "tasks/RingBuffer.h"
 #include "tasks/ThreadMonitor.h"
+#include "tasks/WorkerState.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -93,6 +98,15 @@ class CTaskSerializer {
   // has ended but was not yet joined no longer counts (its kernel id is gone).
   bool IsWorkerAlive();
 
+  // For the destructor of a derived class, before its members go. With a
+  // live worker: holds the worker before its next call into the derived
+  // class and waits until it is out of the current one (idle, waiting for
+  // the wake-up event). A task still running after the same grace that
+  // TerminateSerialization gives it (100 ms + 2000 ms) is ended by killing
+  // the worker. Writes no trace; the worker stays held until
+  // TerminateSerialization (the base's destructor) releases it.
+  void QuiesceWorker();
+
   bool TerminateRequested() const {
     return __atomic_load_n(&m_TerminateFlag, __ATOMIC_ACQUIRE) != 0;
   }
@@ -113,7 +127,25 @@ class CTaskSerializer {
   unsigned int m_LevelCount;         // elements of m_pLevels
   unsigned int m_TerminateFlag;      // 1: the worker is to leave its loop
 
+  // Whether the worker may be inside a call into the derived class (from its
+  // start to each wait for the wake-up event, and from each wake-up on), and
+  // whether QuiesceWorker holds it before its next such call.
+  CWorkerState m_WorkerState;
+
  private:
+  // Marks the worker idle however it leaves TaskHandler, also when it is
+  // killed: a dead worker must never be waited for.
+  class CIdleOnExit {
+   public:
+    explicit CIdleOnExit(CTaskSerializer& serializer) : m_Serializer(serializer) {}
+    ~CIdleOnExit() { m_Serializer.m_WorkerState.EnterIdle(); }
+    CIdleOnExit(const CIdleOnExit&) = delete;
+    CIdleOnExit& operator=(const CIdleOnExit&) = delete;
+
+   private:
+    CTaskSerializer& m_Serializer;
+  };
+
   // Keeps a thread cancellation away from code that holds m_Lock: a worker
   // killed while it holds the lock would leave the lock owned by a thread
   // that no longer exists, and the next InsertTask or the destructor would
@@ -256,6 +288,9 @@ void CTaskSerializer<T>::StartSerialization() {
   // TerminateSerialization. Hosts rely on that order; keep it.
   m_WakeupEvent.Reset();
   __atomic_store_n(&m_TerminateFlag, 0u, __ATOMIC_RELEASE);
+  // Busy from birth: the new thread calls OnSerializationStarted before its
+  // first wait, possibly only after this function has returned.
+  m_WorkerState.Starting();
   m_Thread.Start(&CTaskSerializer::Thread_RunTaskHandler, this, 83, 0, m_ThreadStartOption, 0, 1);
   // Lets the new thread begin before it is named in the thread monitor.
   usleep(100000);
@@ -276,12 +311,15 @@ void* CTaskSerializer<T>::Thread_RunTaskHandler(void* serializer) {
 // runtime; UndefinedBehaviorSanitizer's null check is kept off this function.
 template <class T>
 __attribute__((no_sanitize("null"))) void CTaskSerializer<T>::TaskHandler() {
+  CIdleOnExit idleOnExit(*this);
   KORVEX_TRACE(4, "\nCTaskSerializer     : START THREAD TaskHandler()!");
   OnSerializationStarted();
 
   for (;;) {
     KORVEX_TRACE(4, "\nCTaskSerializer     : Waiting on task queue for next task ...");
+    m_WorkerState.EnterIdle();
     m_WakeupEvent.Wait(0xFFFFFFFFu, 1);
+    m_WorkerState.LeaveIdle();
     KORVEX_TRACE(4, "\nCTaskSerializer     : Wakeup from (any) task queue!");
     if (TerminateRequested()) {
       break;
@@ -386,6 +424,23 @@ __attribute__((no_sanitize("null"))) void CTaskSerializer<T>::TaskHandler() {
 }
 
 template <class T>
+void CTaskSerializer<T>::QuiesceWorker() {
+  if (!IsWorkerAlive()) {
+    return;
+  }
+  // Without a mutual wait on this state the derived destructor could free
+  // members a task still uses, and the change of the object's dynamic type
+  // on the way down would race with the worker's virtual calls.
+  // The grace of a running task in TerminateSerialization: 100 ms + 2000 ms.
+  if (!m_WorkerState.HoldAndWaitIdle(2100)) {
+    // A task still runs (a host that deletes a working module without Stop):
+    // it is ended as Stop would end it, with the thread. A tool process it
+    // started is not touched here; ending that is Stop's job.
+    m_Thread.Kill(0);
+  }
+}
+
+template <class T>
 void CTaskSerializer<T>::TerminateSerialization() {
   KORVEX_TRACE(4, "\nCTaskSerializer     : TerminateSerialization!");
   if (IsWorkerAlive()) {
@@ -413,6 +468,9 @@ void CTaskSerializer<T>::TerminateSerialization() {
     // The event set after the flag is what makes the worker see the flag.
     __atomic_store_n(&m_TerminateFlag, 1u, __ATOMIC_RELEASE);
     m_WakeupEvent.Set();
+    // A worker held by QuiesceWorker goes on now: it sees the flag and
+    // leaves without touching a queue.
+    m_WorkerState.Release();
 
     usleep(100000);
     m_Thread.WaitForTermination(2000);

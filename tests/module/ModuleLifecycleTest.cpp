@@ -558,19 +558,122 @@ TEST_F(ModuleUnitTest, StartAgainAfterStopRecomputesTheInstalledFlag) {
   EXPECT_EQ(1, module.Stop());
 }
 
-TEST_F(ModuleUnitTest, DestroyingAStartedModuleWithoutStopEndsTheWorkerFirst) {
+// ----- destruction without Stop -------------------------------------------------------
+
+namespace {
+
+const char* const kCreateRequest = R"({"SIP":{"V":1,"CMD":[{"OC":13313,"TO":30,"ST":1}]}})";
+
+// Every line of deleting a module whose worker waits for the wake-up event:
+// the module's own line, then the serializer's destructor ending the live
+// worker, exactly as for any serializer; no other line in between.
+std::vector<CLine> DestructionWithIdleWorkerLines(unsigned int worker) {
+  return {
+      {1, "\nEM_KORVEX           : CLASS DESTROYED!"},
+      {4, "\nCTaskSerializer     : TerminateSerialization!"},
+      {4, "\nCTaskSerializer     : Disable all Tasks"},
+      {4, "\nCTaskSerializer     : All pending tasks removed from queues!"},
+      {4, "\nCTaskSerializer     : Wakeup from (any) task queue!"},
+      {4, "\nCTaskSerializer     : EXIT THREAD TaskHandler()!"},
+      {1, "THREAD_RETURN: ## INFO: Thread = " + Hex8(worker) + " exited, Return = 0x00000000##\n"},
+      {5, "\nCTaskSerializer     :   terminated"},
+      {4, "\n\nCTaskSerializer     : Class destroyed!"}};
+}
+
+// The worker's thread id from the naming line of a Start trace; 0 if none.
+// (Not from a class derived for the test: deleting a started module through
+// a derived class would change its dynamic type before EM_KORVEX's
+// destructor holds the worker.)
+unsigned int WorkerIdFromTrace(const std::string& trace) {
+  const std::string marker = "CThread::SetThreadName: ThreadId = 0x";
+  const std::size_t at = trace.find(marker);
+  if (at == std::string::npos) return 0;
+  return static_cast<unsigned int>(std::stoul(trace.substr(at + marker.size(), 8), nullptr, 16));
+}
+
+}  // namespace
+
+// A host that deletes a started module without Stop: the worker waits, and
+// the lines are exactly the module's and the serializer's, at every level.
+TEST_F(ModuleUnitTest, DeletingAStartedModuleWithAnIdleWorkerWritesOnlyTheSerializerLines) {
   SetToolRoot(m_Dir.Path());
   WriteTool(m_Dir.Path(), "exit 0");
-  {
-    EM_KORVEX module;
-    ASSERT_EQ(1, module.Start(nullptr, 0));
-    halvane::TakeTrace();
-  }
-  const std::string trace = halvane::TakeTrace();
-  EXPECT_TRUE(ContainsInOrder(trace, {"\nEM_KORVEX           : CLASS DESTROYED!",
-                                      "\nCTaskSerializer     : Disable all Tasks",
-                                      "\nCTaskSerializer     : EXIT THREAD TaskHandler()!",
-                                      "\n\nCTaskSerializer     : Class destroyed!"}));
+  unsigned int worker = 0;
+  ExpectTraceAtEveryLevel(
+      [&] {
+        auto* module = new EM_KORVEX;
+        EXPECT_EQ(1, module->Start(nullptr, 0));
+        worker = WorkerIdFromTrace(halvane::TakeTrace());
+        EXPECT_NE(0u, worker);
+        delete module;
+        return halvane::TakeTrace();
+      },
+      [&] { return DestructionWithIdleWorkerLines(worker); });
+}
+
+// The same with two tasks queued before Start, so that the worker waits with
+// tasks in its queue (Start resets the wake-up event): the tasks are dropped,
+// never run, and the lines stay exactly the same.
+TEST_F(ModuleUnitTest, DeletingAStartedModuleWithQueuedTasksDropsThemWithTheSameLines) {
+  SetToolRoot(m_Dir.Path());
+  const std::string marker = m_Dir / "tool-ran";
+  WriteTool(m_Dir.Path(), "touch '" + marker + "'\nexit 0");
+  CRecordingSwitch recorder;
+  unsigned int worker = 0;
+  ExpectTraceAtEveryLevel(
+      [&] {
+        auto* module = new EM_KORVEX;
+        SipJson request;
+        Load(request, kCreateRequest);
+        EXPECT_EQ(1, module->InsertTask(request, EM_KORVEX::TASK_PRIORITY_0, nullptr));
+        EXPECT_EQ(1, module->InsertTask(request, EM_KORVEX::TASK_PRIORITY_0, nullptr));
+        EXPECT_EQ(1, module->Start(&recorder, 0));
+        worker = WorkerIdFromTrace(halvane::TakeTrace());
+        EXPECT_NE(0u, worker);
+        delete module;
+        return halvane::TakeTrace();
+      },
+      [&] { return DestructionWithIdleWorkerLines(worker); });
+  EXPECT_EQ(0u, recorder.Replies().size());
+  EXPECT_NE(0, access(marker.c_str(), F_OK)) << "a queued task ran";
+}
+
+// The case the module cannot make harmless alone: a host deletes it without
+// Stop while a task runs. The destructor waits for the task as long as Stop
+// would (100 ms + 2000 ms), then ends the worker with its thread before any
+// member goes; the serializer's destructor then finds no worker. The tool
+// itself is only ended by Stop, so it is still running afterwards.
+TEST_F(ModuleUnitTest, DeletingAModuleWhileATaskRunsEndsTheWorkerBeforeTheMembersGo) {
+  SetToolRoot(m_Dir.Path());
+  CFifo started(m_Dir / "started");
+  ASSERT_TRUE(started.Valid());
+  WriteTool(m_Dir.Path(), "echo $$ > '" + started.Path() + "'\nexec sleep 60");
+  CRecordingSwitch recorder;
+  auto* module = new EM_KORVEX;
+  ASSERT_EQ(1, module->Start(&recorder, 0));
+  SipJson request;
+  Load(request, kCreateRequest);
+  ASSERT_EQ(1, module->InsertTask(request, EM_KORVEX::TASK_PRIORITY_0, nullptr));
+  std::string line;
+  ASSERT_TRUE(started.ReadLine(line, 60000)) << "the tool did not start";
+  const pid_t tool = static_cast<pid_t>(std::stol(line));
+  halvane::TakeTrace();
+
+  const auto before = std::chrono::steady_clock::now();
+  delete module;
+  const auto took = std::chrono::steady_clock::now() - before;
+  EXPECT_EQ(
+      "\nEM_KORVEX           : CLASS DESTROYED!"
+      "\nCTaskSerializer     : TerminateSerialization!"
+      "\nCTaskSerializer     :   terminated"
+      "\n\nCTaskSerializer     : Class destroyed!",
+      halvane::TakeTrace());
+  // Not a timing assertion: the lower bound shows that the task was given
+  // its grace before its thread was ended.
+  EXPECT_GE(took, std::chrono::milliseconds(2100));
+  EXPECT_EQ(0u, recorder.Replies().size());
+  EXPECT_EQ(0, kill(tool, 0)) << "the tool was ended, which only Stop does";
+  kill(tool, SIGKILL);
 }
 
 // ----- setup action -----------------------------------------------------------------

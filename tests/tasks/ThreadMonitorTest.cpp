@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <memory>
@@ -490,6 +491,73 @@ TEST_F(ThreadMonitorTest, NamingAnUnmonitoredObjectOnlyTraces) {
             "CThread::SetThreadName: ThreadId = 0x00000000, DebugName = em-host, Qualifier = "
             "(_TaskHndlr)\n");
   EXPECT_EQ(Entry(0)->m_pszDebugName, nullptr);
+}
+
+// An entry that is not inside the installed table (a host may keep entries
+// wherever it likes): naming and destruction write it all the same, since
+// the monitor runs and the handle is set; with no monitor nothing is written.
+class EntryOutsideTheTable : public ThreadMonitorTest {
+ protected:
+  void SetUp() override {
+    ThreadMonitorTest::SetUp();
+    std::memset(static_cast<void*>(&m_Entry), 0, sizeof(m_Entry));
+    ASSERT_EQ(pthread_mutex_init(&m_Entry.m_EntryMutex, nullptr), 0);
+    m_Entry.m_pEntryMutex = &m_Entry.m_EntryMutex;
+    m_Entry.m_StatusCounter = 1;
+    m_Entry.m_EntryStatus[0] = m_Entry.m_EntryStatus[1] = 0x1u;
+    m_Entry.m_ThreadStatus[1] = 0x1u;
+    const char* const tableStart = reinterpret_cast<const char*>(&pThreadMonitor->m_Entries[0]);
+    const char* const tableEnd = tableStart + sizeof(pThreadMonitor->m_Entries);
+    const char* const entry = reinterpret_cast<const char*>(&m_Entry);
+    ASSERT_TRUE(entry + sizeof(m_Entry) <= tableStart || entry >= tableEnd);
+  }
+  void TearDown() override {
+    std::free(m_Entry.m_pszDebugName);
+    std::free(m_Entry.m_pszQualifier);
+    pthread_mutex_destroy(&m_Entry.m_EntryMutex);
+    ThreadMonitorTest::TearDown();
+  }
+
+  // An object that did not register itself (no kill, no entry of the table)
+  // and is then given the outside entry as its handle.
+  std::unique_ptr<CThread> ObjectWithTheOutsideEntry() {
+    auto thread = std::make_unique<CThread>(0);
+    thread->ThreadMonHandle = &m_Entry;
+    return thread;
+  }
+
+  _CTHREADMONITOR_ENTRY m_Entry;
+};
+
+TEST_F(EntryOutsideTheTable, NamingAndDestructionWriteTheEntry) {
+  auto thread = ObjectWithTheOutsideEntry();
+  CThreadMonitor::SetThreadName(*thread, "em-host", "_TaskHndlr");
+  ASSERT_NE(m_Entry.m_pszDebugName, nullptr);
+  EXPECT_STREQ(m_Entry.m_pszDebugName, "em-host");
+  EXPECT_STREQ(m_Entry.m_pszQualifier, "_TaskHndlr");
+
+  thread.reset();
+  EXPECT_EQ(m_Entry.m_StatusCounter, 2u);
+  EXPECT_EQ(m_Entry.m_EntryStatus[2], 0x10000801u);
+  EXPECT_EQ(m_Entry.m_ThreadStatus[2], 0x10000000u);
+  EXPECT_TRUE(IsFree(&m_Entry.m_EntryMutex));
+  EXPECT_EQ(halvane::TakeTrace(),
+            "CThread::SetThreadName: ThreadId = 0x00000000, DebugName = em-host, Qualifier = "
+            "(_TaskHndlr)\n");
+  EXPECT_EQ(pThreadMonitor->m_EntryCount, 0) << "the table itself is not touched";
+}
+
+TEST_F(EntryOutsideTheTable, WithoutAMonitorNothingIsWritten) {
+  auto thread = ObjectWithTheOutsideEntry();
+  CTHREADMONITOR* const monitor = pThreadMonitor;
+  pThreadMonitor = nullptr;
+  CThreadMonitor::SetThreadName(*thread, "em-host", "_TaskHndlr");
+  thread.reset();
+  pThreadMonitor = monitor;
+  EXPECT_EQ(m_Entry.m_pszDebugName, nullptr);
+  EXPECT_EQ(m_Entry.m_pszQualifier, nullptr);
+  EXPECT_EQ(m_Entry.m_StatusCounter, 1u);
+  EXPECT_EQ(m_Entry.m_EntryStatus[2], 0u);
 }
 
 // ----- with real host threads ------------------------------------------------

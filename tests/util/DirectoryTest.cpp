@@ -366,7 +366,7 @@ TEST_F(DirectoryRemoval, SymbolicLinkToAFileIsRemovedButItsTargetIsNot) {
       });
 }
 
-TEST_F(DirectoryRemoval, DanglingLinkAndPipeAreLeftAlone) {
+TEST_F(DirectoryRemoval, DanglingLinkIsRemovedAsALinkAndAPipeIsLeftAlone) {
   const std::string dangling = m_Dir + "/dangling";
   const std::string pipe = m_Dir + "/pipe";
   const std::string base = m_Dir + "/";
@@ -376,10 +376,122 @@ TEST_F(DirectoryRemoval, DanglingLinkAndPipeAreLeftAlone) {
         ASSERT_EQ(symlink((m_Root + "/nowhere").c_str(), dangling.c_str()), 0);
         ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
       },
-      1, 1, {RemoveDirectory(m_Dir), RemoveParent(base), RemoveParentOk(base)},
+      1, 1,
+      {RemoveDirectory(m_Dir), FoundFile(dangling), RemoveFileOk(dangling), RemoveParent(base),
+       RemoveParentOk(base)},
       [&] {
-        EXPECT_TRUE(fs::is_symlink(dangling));
+        EXPECT_FALSE(fs::exists(fs::symlink_status(dangling)));
         EXPECT_TRUE(fs::is_fifo(pipe));
+      });
+}
+
+// Fills directory with two files and a subdirectory holding one more; the
+// names of all three files, for checking that they survive.
+std::vector<std::string> MakeFilledDirectory(const std::string& directory) {
+  MakeDir(directory);
+  MakeDir(directory + "/sub");
+  std::vector<std::string> files = {directory + "/f1", directory + "/f2", directory + "/sub/f3"};
+  for (const std::string& file : files) MakeFile(file);
+  return files;
+}
+
+void ExpectAllExist(const std::vector<std::string>& files) {
+  for (const std::string& file : files) EXPECT_TRUE(fs::is_regular_file(file)) << file;
+}
+
+TEST_F(DirectoryRemoval, LinkToADirectoryHoldingFilesIsRemovedAsALinkAndTheFilesStay) {
+  // The target is a hidden directory of the tree itself: never entered on
+  // its own account, so only following the link could reach its files.
+  const std::string hidden = m_Dir + "/.data";
+  const std::string link = m_Dir + "/link";
+  const std::string base = m_Dir + "/";
+  std::vector<std::string> files;
+  RunAtEveryLevel(
+      [&] {
+        MakeDir(m_Dir);
+        files = MakeFilledDirectory(hidden);
+        ASSERT_EQ(symlink(hidden.c_str(), link.c_str()), 0);
+      },
+      1, 1,
+      {RemoveDirectory(m_Dir), FoundFile(link), RemoveFileOk(link), RemoveParent(base),
+       RemoveParentOk(base)},
+      [&] {
+        EXPECT_FALSE(fs::exists(fs::symlink_status(link)));
+        ExpectAllExist(files);
+      });
+}
+
+TEST_F(DirectoryRemoval, LinkToADirectoryOutsideTheTreeIsRemovedAsALinkAndTheTargetStays) {
+  const std::string outside = m_Root + "/outside";
+  const std::string link = m_Dir + "/link";
+  const std::string later = m_Dir + "/z";
+  const std::string base = m_Dir + "/";
+  std::vector<std::string> files;
+  RunAtEveryLevel(
+      [&] {
+        std::error_code ignored;
+        fs::remove_all(outside, ignored);
+        files = MakeFilledDirectory(outside);
+        MakeDir(m_Dir);
+        ASSERT_EQ(symlink(outside.c_str(), link.c_str()), 0);
+        MakeFile(later);
+      },
+      1, 0,
+      {RemoveDirectory(m_Dir), FoundFile(link), RemoveFileOk(link), FoundFile(later),
+       RemoveFileOk(later), RemoveParent(base), ParentError(base, 0)},
+      [&] {
+        EXPECT_FALSE(fs::exists(m_Dir));
+        EXPECT_TRUE(fs::is_directory(outside + "/sub"));
+        ExpectAllExist(files);
+      });
+}
+
+TEST_F(DirectoryRemoval, LinkToAFileInASubdirectoryIsRemovedAsALink) {
+  // Links are not followed at any depth: the link inside s goes, the file
+  // it names (outside the tree) stays, and s itself is removed completely.
+  const std::string target = m_Root + "/target";
+  const std::string sub = m_Dir + "/s";
+  const std::string link = sub + "/link";
+  RunAtEveryLevel(
+      [&] {
+        MakeFile(target);
+        MakeDir(m_Dir);
+        MakeDir(sub);
+        ASSERT_EQ(symlink(target.c_str(), link.c_str()), 0);
+      },
+      0, 0,
+      {RemoveDirectory(m_Dir), FoundDir(sub), RemoveDirectory(sub), FoundFile(link),
+       RemoveFileOk(link), RemoveParent(sub + "/"), ParentError(sub + "/", 0),
+       DirectoryError(sub, 0)},
+      [&] {
+        EXPECT_FALSE(fs::exists(sub));
+        EXPECT_TRUE(fs::is_regular_file(target));
+      });
+}
+
+TEST_F(DirectoryRemoval, TopLevelLinkIsFollowedToTheDirectoryItNames) {
+  // The top-level path may be a link (a data directory moved elsewhere): its
+  // contents are removed. Its final rmdir through "link/" fails, which the
+  // reversed judgement reports as OK with the result 1; the link stays.
+  const std::string real = m_Root + "/real";
+  const std::string file = real + "/a";
+  const std::string link = m_Dir;
+  const std::string base = link + "/";
+  RunAtEveryLevel(
+      [&] {
+        std::error_code ignored;
+        fs::remove_all(real, ignored);
+        MakeDir(real);
+        MakeFile(file);
+        ASSERT_EQ(symlink(real.c_str(), link.c_str()), 0);
+      },
+      1, 1,
+      {RemoveDirectory(link), FoundFile(base + "a"), RemoveFileOk(base + "a"), RemoveParent(base),
+       RemoveParentOk(base)},
+      [&] {
+        EXPECT_TRUE(fs::is_symlink(link));
+        EXPECT_TRUE(fs::is_directory(real));
+        EXPECT_FALSE(fs::exists(file));
       });
 }
 
