@@ -60,6 +60,10 @@ const char* EmHostUsage() {
          "                            an answer (default: no limit); transfer: the time limit\n"
          "                            \"TO\" of the request (default 60)\n"
          "  --no-start                serve: do not start the module (use a start control)\n"
+         "  --tool-log FILE           where Korvex's output goes (default: Korvex.output.log\n"
+         "                            in the tool root; bounded, the older half in FILE.1)\n"
+         "  --heartbeat S             create/collect with output on a pipe or file: a\n"
+         "                            progress line every S seconds (default 10; 0: none)\n"
          "  -h, --help                this text\n";
 }
 
@@ -100,7 +104,8 @@ bool ParseEmHostOptions(const std::vector<std::string>& args, CEmHostOptions& ou
     }
     static const char* const kWithValue[] = {
         "--module", "--tool-root",   "--registry",     "--cabinet", "--bmc-dir",
-        "--trace",  "--trace-level", "--service-type", "--hti",     "--timeout"};
+        "--trace",  "--trace-level", "--service-type", "--hti",     "--timeout",
+        "--tool-log", "--heartbeat"};
     bool known = false;
     for (const char* name : kWithValue) known = known || arg == name;
     if (!known) return fail("unknown option " + arg);
@@ -120,6 +125,9 @@ bool ParseEmHostOptions(const std::vector<std::string>& args, CEmHostOptions& ou
     } else if (arg == "--bmc-dir") {
       if (value.empty()) return fail("--bmc-dir needs a directory");
       out.m_BmcDir = AbsolutePath(value);
+    } else if (arg == "--tool-log") {
+      if (value.empty()) return fail("--tool-log needs a file");
+      out.m_ToolLog = AbsolutePath(value);
     } else if (arg == "--trace") {
       if (value.empty()) return fail("--trace needs a file, or - for standard error");
       out.m_TraceFile = value;
@@ -137,6 +145,8 @@ bool ParseEmHostOptions(const std::vector<std::string>& args, CEmHostOptions& ou
       } else if (arg == "--trace-level") {
         if (number > 5) return fail("--trace-level takes 0 to 5");
         out.m_TraceLevel = number;
+      } else if (arg == "--heartbeat") {
+        out.m_HeartbeatSec = number;
       } else if (arg == "--service-type") {
         out.m_ServiceType = number;
       } else {  // --timeout
