@@ -3,13 +3,13 @@
 #include "frame/ExtensionModule.h"
 #include "host/HostControl.h"
 #include "host/emhost/EmHost.h"
+#include "host/emhost/EventOutput.h"
 #include "host/emhost/HostSwitch.h"
 #include "host/emhost/ModuleHost.h"
 #include "host/emhost/ServeSession.h"
 #include "host/emhost/Sha256.h"
 #include "host/emhost/Signals.h"
 #include "host/emhost/StatusText.h"
-#include "host/emhost/EventOutput.h"
 #include "host/emhost/ToolReport.h"
 #include "message/SipJson.h"
 
@@ -380,12 +380,13 @@ void ExplainFailedRun(const std::string& what) {
     text += ", but left no archive";
   }
   Complain(text + " (status 6)");
-  if (!run.m_LogProblem.empty()) Complain(what + ": Korvex's output was not kept: " + run.m_LogProblem);
+  if (!run.m_LogProblem.empty())
+    Complain(what + ": Korvex's output was not kept: " + run.m_LogProblem);
   if (run.m_LogPath.empty()) return;
   const std::vector<std::string> lines = LastLogLines(run.m_LogPath, 10);
   Complain(what + ": Korvex's output is in " + run.m_LogPath +
            (lines.empty() ? std::string(" (empty)") : "; its last lines:"));
-  for (const std::string& line : lines) Complain("  | " + line);
+  for (const std::string& line : lines) Complain(what + ":   | " + line);
 }
 
 // The creation step of create and collect. Returns -1 when the archive was

@@ -103,9 +103,8 @@ bool ParseEmHostOptions(const std::vector<std::string>& args, CEmHostOptions& ou
       continue;
     }
     static const char* const kWithValue[] = {
-        "--module", "--tool-root",   "--registry",     "--cabinet", "--bmc-dir",
-        "--trace",  "--trace-level", "--service-type", "--hti",     "--timeout",
-        "--tool-log", "--heartbeat"};
+        "--module",      "--tool-root",    "--registry", "--cabinet", "--bmc-dir",  "--trace",
+        "--trace-level", "--service-type", "--hti",      "--timeout", "--tool-log", "--heartbeat"};
     bool known = false;
     for (const char* name : kWithValue) known = known || arg == name;
     if (!known) return fail("unknown option " + arg);

@@ -35,7 +35,7 @@ struct CEmHostOptions {
   unsigned int m_TimeoutSec = 0;  // create/collect: 0 = no limit; transfer: "TO"
   bool m_TimeoutGiven = false;
   bool m_NoStart = false;
-  std::string m_ToolLog;          // --tool-log (absolute); empty: DefaultToolLogPath
+  std::string m_ToolLog;             // --tool-log (absolute); empty: DefaultToolLogPath
   unsigned int m_HeartbeatSec = 10;  // create/collect on a pipe: a line this often; 0: none
 };
 
