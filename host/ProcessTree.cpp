@@ -154,10 +154,13 @@ struct CDirent64 {
   char m_Name[1];
 };
 
-// Without a namespace: every descendant of this process gets signo. Walks
-// /proc again while a walk finds new members (a process forked meanwhile
-// has a parent found before). Orphans of the tree are this process's
-// children (it is their subreaper), so the tree stays connected.
+// Without a namespace: every descendant of this process gets signo. The
+// tree is collected first (walking /proc again while a walk finds new
+// members: a process forked meanwhile has a parent found before), then
+// signalled at once, like kill(-1) in a namespace: what the tree starts
+// after that (a TERM trap's clean-up) is not hit by the same signal. Orphans
+// of the tree are this process's children (it is their subreaper), so the
+// tree stays connected.
 void SignalDescendants(int signo) {
   const int procFd = ::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (procFd < 0) return;
@@ -171,7 +174,7 @@ void SignalDescendants(int signo) {
     for (;;) {
       const long got = ::syscall(SYS_getdents64, procFd, buffer, sizeof(buffer));
       if (got <= 0) break;
-      for (long offset = 0; offset < got;) {
+      for (long offset = 0; offset < got && count < kMaxTree;) {
         const CDirent64* entry = reinterpret_cast<const CDirent64*>(buffer + offset);
         offset += entry->m_RecLen;
         const char* name = entry->m_Name;
@@ -179,13 +182,13 @@ void SignalDescendants(int signo) {
         pid_t pid = 0;
         for (const char* c = name; *c >= '0' && *c <= '9'; ++c) pid = pid * 10 + (*c - '0');
         if (Contains(tree, count, pid) || !Contains(tree, count, ParentOf(procFd, name))) continue;
-        ::kill(pid, signo);
-        if (count < kMaxTree) tree[count++] = pid;
+        tree[count++] = pid;
         added = true;
       }
     }
   }
   ::close(procFd);
+  for (std::size_t i = 1; i < count; ++i) ::kill(tree[i], signo);
 }
 
 void SignalTree(bool inNamespace, int signo) {

@@ -272,6 +272,7 @@ TEST_F(ProcessTest, TerminationEndsTheWholeProcessGroup) {
   ASSERT_TRUE(WaitUntil([&] { return hosttest::Exists(grandchild); }));
   const int sleeper = std::stoi(ReadFile(grandchild));
   ASSERT_TRUE(WaitUntil([&] { return ProcessRuns(sleeper); }));
+  ASSERT_TRUE(WaitUntil([&] { return LoadPid(run.m_ProcessId) != 0; }));
   const unsigned int pid = LoadPid(run.m_ProcessId);
   EXPECT_TRUE(CProcess::TerminateProcess(pid, 9));
   ASSERT_EQ(std::future_status::ready, run.m_Result.wait_for(std::chrono::seconds(20)));

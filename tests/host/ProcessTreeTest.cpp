@@ -98,6 +98,15 @@ class ProcessTreeTest : public ::testing::Test {
     unsigned int m_Pid = 0;
     unsigned int m_Code = 0xC0FFEEu;
     std::future<bool> m_Result;
+    // A test that stopped early still ends its tool: the future's
+    // destructor would wait for the whole run.
+    ~CBackground() {
+      if (!m_Result.valid()) return;
+      while (m_Result.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready) {
+        const unsigned int pid = __atomic_load_n(&m_Pid, __ATOMIC_ACQUIRE);
+        if (pid != 0) CProcess::TerminateProcess(pid, 1);
+      }
+    }
   };
   void Start(CBackground& run, const std::string& path) {
     run.m_Result = std::async(std::launch::async, [&run, path] {
@@ -106,7 +115,15 @@ class ProcessTreeTest : public ::testing::Test {
   }
   bool TreeGone() const { return ProcessesWith(m_Marker).empty(); }
   // Ready and all four sleepers (plus timeout's and setsid's parents) run.
-  bool TreeUp() const { return Exists(m_Ready) && ProcessesWith(m_Marker).size() >= 4; }
+  // (The tool runs - and may say so - a moment before ExecuteCmd has
+  // published the id.)
+  bool TreeUp(const CBackground& run) const {
+    return __atomic_load_n(&run.m_Pid, __ATOMIC_ACQUIRE) != 0 && Exists(m_Ready) &&
+           ProcessesWith(m_Marker).size() >= 4;
+  }
+  bool Published(const CBackground& run) const {
+    return __atomic_load_n(&run.m_Pid, __ATOMIC_ACQUIRE) != 0 && Exists(m_Ready);
+  }
 
   CTempDir m_Dir;
   std::string m_Marker;
@@ -118,7 +135,7 @@ TEST_F(ProcessTreeTest, TerminateEndsTheWholeTreeGracefully) {
   WriteScript(m_Dir / "Korvex", CollectorBody());
   CBackground run;
   Start(run, m_Dir / "Korvex");
-  ASSERT_TRUE(WaitUntil([&] { return TreeUp(); }, 10000));
+  ASSERT_TRUE(WaitUntil([&] { return TreeUp(run); }, 10000));
   ASSERT_TRUE(Exists(m_Scratch));
   ASSERT_TRUE(CProcess::TerminateProcess(LoadPid(run.m_Pid), 1));
   ASSERT_EQ(std::future_status::ready, run.m_Result.wait_for(std::chrono::seconds(20)));
@@ -136,7 +153,7 @@ TEST_F(ProcessTreeTest, WaitForExitAfterTerminateSeesTheCodeWithinTheStopWait) {
   WriteScript(m_Dir / "Korvex", CollectorBody());
   CBackground run;
   Start(run, m_Dir / "Korvex");
-  ASSERT_TRUE(WaitUntil([&] { return TreeUp(); }, 10000));
+  ASSERT_TRUE(WaitUntil([&] { return TreeUp(run); }, 10000));
   const unsigned int pid = LoadPid(run.m_Pid);
   ASSERT_TRUE(CProcess::TerminateProcess(pid, 1));
   unsigned int code = 0;
@@ -302,7 +319,7 @@ TEST_F(ProcessTreeTest, FindProcessSeesTheRunningTool) {
   WriteScript(m_Dir / "Korvex", "touch '" + m_Ready + "'\nsleep " + m_Marker);
   CBackground run;
   Start(run, m_Dir / "Korvex");
-  ASSERT_TRUE(WaitUntil([&] { return Exists(m_Ready); }, 10000));
+  ASSERT_TRUE(WaitUntil([&] { return Published(run); }, 10000));
   unsigned int found = 0;
   EXPECT_TRUE(CProcess::FindProcess(found, "Korvex"));
   // The tool itself, not its supervisor: that one has a name of its own.
