@@ -104,7 +104,7 @@ class KORVEX_HOST_API CProcess {
                          const char* workingDir = nullptr, bool hidden = false);
   static bool FindProcess(unsigned int& processId, const char* processName);
   static bool WaitForExit(unsigned int processId, unsigned int& exitCode, unsigned int timeoutMs);
-  // Ends the process and its group; ExecuteCmd then reports exitCode.
+  // Ends the process and everything it started; ExecuteCmd then reports exitCode.
   static bool TerminateProcess(unsigned int processId, unsigned int exitCode);
 };
 

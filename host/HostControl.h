@@ -4,6 +4,7 @@
 // only frame/HostServices.h.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 namespace halvane {
@@ -17,12 +18,12 @@ namespace halvane {
 // the switch off still shows up in the sink and in PrintCallCount.
 void TraceToStderr();
 bool TraceToFile(const char* path, std::string* error = nullptr);  // appends
-void TraceToMemory();                 // captured until TakeTrace
-std::string TakeTrace();              // the captured text, cleared afterwards
+void TraceToMemory();                                              // captured until TakeTrace
+std::string TakeTrace();                    // the captured text, cleared afterwards
 void SetTraceLevel(unsigned int maxLevel);  // Print calls above maxLevel are dropped
-void SetTraceSwitch(bool on);         // Debug.m_TraceSwitch
-void SetDebugName(const char* name);  // Debug.m_DebugName
-unsigned int TraceLevel();            // the current maximum level
+void SetTraceSwitch(bool on);               // Debug.m_TraceSwitch
+void SetDebugName(const char* name);        // Debug.m_DebugName
+unsigned int TraceLevel();                  // the current maximum level
 // Every CDebug::Print call since the process started, also those filtered
 // out by level: lets a test prove that no call was made at all.
 unsigned long PrintCallCount();
@@ -41,23 +42,76 @@ bool LoadRegistryFile(const char* path, std::string* error);
 std::string ProductRootKey(const char* productName);
 
 // ----- child processes (CProcess) -----------------------------------------
-// Nothing to set up. What the stand-alone host guarantees:
+// What the stand-alone host guarantees (docs/EM-HOST.md explains it for
+// operators):
 //  - ExecuteCmd runs its command line as one executable path (no shell, no
-//    word splitting, no PATH search) in a process group of its own, with an
-//    empty signal mask and default signal actions; it returns false when the
-//    file is missing, not a regular file, not executable or not a program.
-//  - When the command ends, whatever it left running in its process group
-//    is killed (SIGKILL) before the command is reaped; a process that left
-//    the group (setsid, setpgid) is not reached.
-//  - Exit codes: the exit status; 128 + the signal number for a child ended
-//    by a signal; the code given to TerminateProcess for a child ended there;
-//    255 when the status was lost (SIGCHLD ignored by the process).
-//  - TerminateProcess sends SIGKILL to the child and its process group, and
-//    only ever to an unreaped child of ExecuteCmd; any other id gives false.
+//    word splitting, no PATH search) under a supervisor process that owns
+//    the whole tree the command starts (host/ProcessTree.h): in a PID
+//    namespace of its own where the host may make one (root), else as a
+//    child subreaper that finds the tree in /proc. The command gets a
+//    session of its own, an empty signal mask, default signal actions,
+//    /dev/null as standard input and the tool log (SetToolLog) as standard
+//    output and error; never the host's own streams. It returns false when
+//    the file is missing, not a regular file, not executable, not a
+//    program, or refused by the rule below.
+//  - Run as root, ExecuteCmd refuses a program that is writable by group or
+//    others or owned by a user other than root (or the host's own user), or
+//    whose directory is writable by group or others (without the sticky
+//    bit) or owned by another user.
+//  - The tree ends gracefully: SIGTERM to every process of it, SIGKILL to
+//    what is left after kToolGraceMs. That happens on TerminateProcess, when
+//    the command ends and leaves processes behind, and when the host process
+//    dies, however it dies. ExecuteCmd returns only once the whole tree is
+//    gone.
+//  - Exit codes: the command's exit status; 128 + the signal number for a
+//    command ended by a signal; the code given to TerminateProcess for a
+//    tree ended there; 255 when the status was lost.
+//  - TerminateProcess only ever signals an unreaped supervisor of
+//    ExecuteCmd; any other id gives false. The id ExecuteCmd publishes is
+//    the supervisor's, as this host sees it.
 //  - WaitForExit waits for a child of ExecuteCmd (also beside a running
 //    ExecuteCmd); one already reaped reports its code at once.
 //  - FindProcess matches /proc/<pid>/comm exactly (names of 15 characters
-//    or more also by the first word of the command line) and skips zombies.
+//    or more also by the first word of the command line), skips zombies,
+//    and counts only processes that run as root or as the host's own user.
+constexpr unsigned int kToolGraceMs = 1500;
+// The tool log's bound: when it reaches half of it, it is moved to
+// "<log>.1" (replacing the one there) and started anew.
+constexpr std::size_t kToolLogBytes = 2u << 20;
+
+// Where the output of ExecuteCmd's commands goes from the next run on: the
+// file path, appended to (created 0640; a link or a file of another owner is
+// not used); empty: discarded. Each run adds a line when it starts and one
+// when it ends. The default is empty.
+void SetToolLog(const std::string& path, std::size_t maxBytes = kToolLogBytes);
+
+// How the last ExecuteCmd of this process went.
+struct CToolRun {
+  enum class Result {
+    kNone,           // no run yet
+    kRunning,        // started, not ended yet
+    kExited,         // m_Code: its exit status
+    kSignaled,       // m_Code: the signal that ended it
+    kTerminated,     // ended through TerminateProcess; m_Code: the code given there
+    kNotFound,       // no such file
+    kNotExecutable,  // not a regular file, no execute permission, not a program
+    kRefused,        // refused by the ownership and permission rule; m_Why says why
+    kFailed          // could not be started for another reason; m_Why says why
+  };
+  Result m_Result = Result::kNone;
+  int m_Code = 0;
+  std::string m_Why;         // in words, for the results that need it
+  std::string m_Path;        // the command
+  unsigned int m_Pid = 0;    // the id ExecuteCmd published
+  bool m_Namespace = false;  // the tree had a PID namespace of its own
+  std::string m_LogPath;     // where its output went; empty: nowhere
+  std::string m_LogProblem;  // why the log could not be used, if it could not
+};
+CToolRun LastToolRun();
+
+// TerminateProcess with exitCode for every command of ExecuteCmd that is
+// still running; the number of trees told to end.
+unsigned int TerminateRunningTools(unsigned int exitCode);
 
 // ----- thread monitor (pThreadMonitor, ThreadCounter) ----------------------
 // A fresh, empty table (a table installed before is freed) whose table

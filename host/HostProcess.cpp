@@ -1,74 +1,111 @@
-// The stand-alone host's child processes: CProcess::ExecuteCmd, WaitForExit,
-// TerminateProcess and FindProcess.
+// The stand-alone host's child processes: CProcess::ExecuteCmd, WaitForExit
+// and TerminateProcess (FindProcess is in HostFindProcess.cpp).
 //
-// Every child started by ExecuteCmd is kept in a spawn table until it is
-// reaped. One watcher thread per child blocks in poll() on the child's pidfd
-// (no polling loop: it sleeps until the kernel reports the exit), reaps the
-// child and wakes every waiter. Callers (ExecuteCmd, WaitForExit) wait on a
+// ExecuteCmd does not start the command itself: it starts a supervisor
+// (host/ProcessTree.h) that owns the command's whole process tree, and
+// the id it publishes, waits for and terminates is the supervisor's.
+// Every supervisor is kept in a spawn table until it is reaped. One watcher
+// thread per supervisor forks it (so that the thread that forked it - the
+// one a PID namespace is unshared in - lives exactly as long as it), then
+// blocks in poll() on its pidfd until the kernel reports its end, reaps it
+// and wakes every waiter. Callers (ExecuteCmd, WaitForExit) wait on a
 // condition variable: a wait that CThread::Kill can cancel cleanly, with the
 // table mutex released on the way out, and that the sanitizers understand.
 // Two rules keep process ids from being mistaken for somebody else's after
 // reuse:
-//  - a child is reaped only under the table's lock, and it leaves the table
-//    in the same step;
-//  - a process (or its group) is signalled only under that lock, while its
-//    entry is still in the table, i.e. while the id is still reserved by our
-//    unreaped child.
+//  - a supervisor is reaped only under the table's lock, and it leaves the
+//    table in the same step;
+//  - a supervisor is signalled only under that lock, through its pidfd,
+//    while its entry is still in the table.
 //
-// Exit codes: the child's exit status; for a child ended by a signal, 128 +
-// the signal number; for a child ended through TerminateProcess, the code
-// given there. When the status was lost (SIGCHLD set to SIG_IGN reaps
-// children behind our back) a child not terminated by us reports 255.
+// Exit codes: the command's own exit status, which the supervisor reports;
+// for a command ended by a signal, 128 + the signal number; for a tree
+// ended through TerminateProcess, the code given there. When no status was
+// reported (the supervisor was killed from outside) 128 + the supervisor's
+// signal, or 255 when even that was lost (SIGCHLD ignored by the process).
 #include "frame/HostServices.h"
-
-#include <dirent.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/resource.h>
-#include <sys/syscall.h>
-#include <sys/stat.h>
-#include <sys/types.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "host/HostControl.h"
+#include "host/ProcessTree.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <deque>
+#include <fcntl.h>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <poll.h>
+#include <pwd.h>
+#include <signal.h>
 #include <string>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/types.h>
+#include <sys/wait.h>
 #include <system_error>
 #include <thread>
-#include <unordered_map>
-
-extern char** environ;
+#include <unistd.h>
+#include <vector>
 
 namespace {
+
+using halvane::CToolRun;
 
 constexpr unsigned int kLostStatusCode = 255;
 // How many reaped children keep their exit code for a late WaitForExit.
 constexpr std::size_t kExitedMemory = 256;
 
+void CloseFd(int& fd) {
+  if (fd >= 0) ::close(fd);  // never retried on EINTR: the fd is gone either way
+  fd = -1;
+}
+
+// The tool log of one run, opened before the supervisor starts.
+struct CLogFiles {
+  std::string m_Path;
+  std::string m_Name;
+  std::string m_OldName;
+  std::size_t m_HalfBytes = 0;
+  int m_DirFd = -1;
+  int m_Fd = -1;
+  std::string m_Problem;
+
+  CLogFiles() = default;
+  CLogFiles(const CLogFiles&) = delete;
+  CLogFiles& operator=(const CLogFiles&) = delete;
+  ~CLogFiles() {
+    CloseFd(m_Fd);
+    CloseFd(m_DirFd);
+  }
+};
+
 struct CChild {
-  pid_t m_Pid = 0;
-  int m_PidFd = -1;             // owned; closed when the last waiter lets go
+  std::string m_Path;
+  std::string m_WorkingDir;
+  CLogFiles m_Log;
+  halvane::CTreeChild m_Tree;
+  int m_PidFd = -1;  // owned; closed when the last holder lets go
+
+  // Under the table lock:
+  bool m_StartKnown = false;  // the tool started, or could not
+  bool m_Started = false;
+  int m_StartError = 0;  // errno of a failed start
   bool m_Reaped = false;
   unsigned int m_ExitCode = 0;
-  bool m_Terminated = false;    // TerminateProcess ended it
+  bool m_Terminated = false;  // TerminateProcess ended it
   unsigned int m_TerminateCode = 0;
 
   CChild() = default;
   CChild(const CChild&) = delete;
   CChild& operator=(const CChild&) = delete;
   ~CChild() {
-    if (m_PidFd >= 0) ::close(m_PidFd);  // never retried on EINTR: the fd is gone either way
+    CloseFd(m_PidFd);
+    CloseFd(m_Tree.m_ReportFd);
+    CloseFd(m_Tree.m_LifelineFd);
   }
 };
 
@@ -80,18 +117,18 @@ struct CSpawnTable {
     pthread_condattr_t attributes;
     pthread_condattr_init(&attributes);
     pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-    pthread_cond_init(&m_Reaped, &attributes);
+    pthread_cond_init(&m_Changed, &attributes);
     pthread_condattr_destroy(&attributes);
   }
 
-  // pthread primitives rather than std ones: waits on m_Reaped are
+  // pthread primitives rather than std ones: waits on m_Changed are
   // cancellation points that must unwind (std::condition_variable's wait is
   // not meant to be unwound through).
   pthread_mutex_t m_Mutex;
-  pthread_cond_t m_Reaped;                     // broadcast whenever a child is reaped
-  std::map<pid_t, CChildPtr> m_Live;           // spawned, not yet reaped
-  std::map<pid_t, unsigned int> m_Exited;      // reaped: the code they reported
-  std::deque<pid_t> m_ExitedOrder;             // oldest first, to bound m_Exited
+  pthread_cond_t m_Changed;                // broadcast when a child starts or is reaped
+  std::map<pid_t, CChildPtr> m_Live;       // spawned, not yet reaped
+  std::map<pid_t, unsigned int> m_Exited;  // reaped: the code they reported
+  std::deque<pid_t> m_ExitedOrder;         // oldest first, to bound m_Exited
 };
 
 CSpawnTable& Spawns() {
@@ -112,6 +149,158 @@ class CTableLock {
   CSpawnTable& m_Table;
 };
 
+// ----- settings and the record of the last run ------------------------------
+
+struct CProcessSettings {
+  std::mutex m_Mutex;
+  std::string m_LogPath;
+  std::size_t m_LogBytes = halvane::kToolLogBytes;
+  CToolRun m_LastRun;
+};
+
+CProcessSettings& Settings() {
+  static CProcessSettings* const settings = new CProcessSettings;
+  return *settings;
+}
+
+void RecordRun(const CToolRun& run) {
+  CProcessSettings& settings = Settings();
+  std::lock_guard<std::mutex> lock(settings.m_Mutex);
+  settings.m_LastRun = run;
+}
+
+std::string UserName(uid_t uid) {
+  passwd entry{};
+  passwd* found = nullptr;
+  char buffer[1024];
+  if (::getpwuid_r(uid, &entry, buffer, sizeof(buffer), &found) == 0 && found != nullptr) {
+    return std::string(found->pw_name) + " (uid " + std::to_string(uid) + ")";
+  }
+  return "uid " + std::to_string(uid);
+}
+
+std::string OctalMode(mode_t mode) {
+  char text[8];
+  std::snprintf(text, sizeof(text), "%04o", static_cast<unsigned int>(mode & 07777));
+  return text;
+}
+
+std::string DirectoryOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Run as root, a program that someone else could replace or change would
+// run with root's rights: it and its directory must belong to root (or to
+// this process's user) and be writable by nobody else.
+bool OwnershipAllowed(const char* what, const std::string& path, const struct stat& status,
+                      bool directory, std::string& why) {
+  const uid_t self = ::geteuid();
+  if (status.st_uid != 0 && status.st_uid != self) {
+    why =
+        std::string(what) + " " + path + " belongs to " + UserName(status.st_uid) + ", not to root";
+    return false;
+  }
+  const bool sticky = directory && (status.st_mode & S_ISVTX) != 0;
+  if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !sticky) {
+    why = std::string(what) + " " + path + " is writable by group or others (mode " +
+          OctalMode(status.st_mode) + ")";
+    return false;
+  }
+  return true;
+}
+
+// False (with the run's result filled in) when the command must not or
+// cannot be run.
+bool CheckCommand(const char* commandLine, CToolRun& run) {
+  struct stat status {};
+  if (::stat(commandLine, &status) != 0) {
+    run.m_Result = errno == ENOENT || errno == ENOTDIR ? CToolRun::Result::kNotFound
+                                                       : CToolRun::Result::kFailed;
+    run.m_Code = errno;
+    run.m_Why = std::strerror(errno);
+    return false;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    run.m_Result = CToolRun::Result::kNotExecutable;
+    run.m_Why = "not a regular file";
+    return false;
+  }
+  if (::geteuid() != 0) return true;
+  std::string why;
+  const std::string directory = DirectoryOf(commandLine);
+  struct stat directoryStatus {};
+  if (!OwnershipAllowed("the program", commandLine, status, false, why) ||
+      (::stat(directory.c_str(), &directoryStatus) == 0 &&
+       !OwnershipAllowed("its directory", directory, directoryStatus, true, why))) {
+    run.m_Result = CToolRun::Result::kRefused;
+    run.m_Why = why;
+    return false;
+  }
+  return true;
+}
+
+std::string TimeText() {
+  char text[64];
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  ::localtime_r(&now, &local);
+  std::strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S %z", &local);
+  return text;
+}
+
+void AppendLogLine(const CLogFiles& log, const std::string& line) {
+  if (log.m_DirFd < 0) return;
+  // By name: the supervisor may have moved the file it started with aside.
+  const int fd = ::openat(log.m_DirFd, log.m_Name.c_str(),
+                          O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0640);
+  if (fd < 0) return;
+  if (::write(fd, line.data(), line.size()) < 0) {
+    // A full disk loses the line, nothing more.
+  }
+  ::close(fd);
+}
+
+// Opens the tool log for one run. The log is refused when it is a link, not
+// a regular file, linked elsewhere too, or owned by another user: the host
+// may run as root and must not be made to write somewhere else.
+void OpenLog(CLogFiles& log) {
+  std::string path;
+  std::size_t bytes = 0;
+  {
+    CProcessSettings& settings = Settings();
+    std::lock_guard<std::mutex> lock(settings.m_Mutex);
+    path = settings.m_LogPath;
+    bytes = settings.m_LogBytes;
+  }
+  if (path.empty()) return;
+  const std::size_t slash = path.rfind('/');
+  log.m_Name = slash == std::string::npos ? path : path.substr(slash + 1);
+  log.m_OldName = log.m_Name + ".1";
+  log.m_HalfBytes = bytes / 2;
+  log.m_DirFd = ::open(DirectoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (log.m_DirFd >= 0) {
+    log.m_Fd = ::openat(log.m_DirFd, log.m_Name.c_str(),
+                        O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0640);
+  }
+  struct stat status {};
+  if (log.m_Fd < 0) {
+    log.m_Problem = "cannot open " + path + ": " + std::strerror(errno);
+  } else if (::fstat(log.m_Fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1 ||
+             status.st_uid != ::geteuid()) {
+    log.m_Problem = path + " is not a plain file of this user; not used";
+  }
+  if (!log.m_Problem.empty()) {
+    CloseFd(log.m_Fd);
+    CloseFd(log.m_DirFd);
+    return;
+  }
+  log.m_Path = path;
+}
+
+// ----- supervisors: start, watch, reap --------------------------------------
+
 void RememberExitLocked(CSpawnTable& table, pid_t pid, unsigned int code) {
   if (table.m_Exited.find(pid) == table.m_Exited.end()) table.m_ExitedOrder.push_back(pid);
   table.m_Exited[pid] = code;
@@ -121,48 +310,68 @@ void RememberExitLocked(CSpawnTable& table, pid_t pid, unsigned int code) {
   }
 }
 
-unsigned int CodeFromSiginfo(const siginfo_t& info) {
-  if (info.si_code == CLD_EXITED) return static_cast<unsigned int>(info.si_status);
-  return 128u + static_cast<unsigned int>(info.si_status);  // CLD_KILLED, CLD_DUMPED
+// Called through syscall(): the C library's <sys/pidfd.h> of this
+// generation declares them without C linkage for C++.
+int OpenPidFd(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0u)); }
+
+int SendSignal(int pidFd, int signal) {
+  return static_cast<int>(::syscall(SYS_pidfd_send_signal, pidFd, signal, nullptr, 0u));
 }
 
-// Reaps child if it has ended. Table lock held. True when the child is (now
-// or already) reaped; its code is then in m_ExitCode.
-bool ReapLocked(CSpawnTable& table, CChild& child) {
-  if (child.m_Reaped) return true;
-  siginfo_t info;
-  std::memset(&info, 0, sizeof(info));
-  int rc;
-  do {
-    rc = ::waitid(P_PID, static_cast<id_t>(child.m_Pid), &info, WEXITED | WNOHANG);
-  } while (rc < 0 && errno == EINTR);
-  unsigned int code = 0;
-  if (rc == 0) {
-    if (info.si_pid != child.m_Pid) return false;  // still running
-    code = CodeFromSiginfo(info);
-  } else {
-    code = kLostStatusCode;  // ECHILD: reaped behind our back, status lost
-  }
-  if (child.m_Terminated) code = child.m_TerminateCode;
-  child.m_ExitCode = code;
-  child.m_Reaped = true;
-  table.m_Live.erase(child.m_Pid);
-  RememberExitLocked(table, child.m_Pid, code);
-  return true;
-}
-
-// True when the (unreaped) child has already ended; does not reap it.
+// True when the (unreaped) supervisor has already ended; does not reap it.
 bool HasEndedLocked(const CChild& child) {
   siginfo_t info;
   std::memset(&info, 0, sizeof(info));
   int rc;
   do {
-    rc = ::waitid(P_PID, static_cast<id_t>(child.m_Pid), &info, WEXITED | WNOHANG | WNOWAIT);
+    rc = ::waitid(P_PID, static_cast<id_t>(child.m_Tree.m_Pid), &info, WEXITED | WNOHANG | WNOWAIT);
   } while (rc < 0 && errno == EINTR);
-  return rc != 0 || info.si_pid == child.m_Pid;
+  return rc != 0 || info.si_pid == child.m_Tree.m_Pid;
 }
 
-// Blocks until the child has ended, without reaping it.
+// Forks the supervisor and waits for its first report: the tool started, or
+// could not. With every signal blocked in this thread meanwhile, so that the
+// supervisor starts with them blocked and reads them from its signalfd.
+void Launch(const CChildPtr& child, bool tryNamespace) {
+  halvane::CTreeLaunch launch;
+  launch.m_Path = child->m_Path.c_str();
+  launch.m_WorkingDir = child->m_WorkingDir.c_str();
+  launch.m_LogFd = child->m_Log.m_Fd;
+  launch.m_LogDirFd = child->m_Log.m_DirFd;
+  launch.m_LogName = child->m_Log.m_Name.c_str();
+  launch.m_LogOldName = child->m_Log.m_OldName.c_str();
+  launch.m_LogHalfBytes = child->m_Log.m_HalfBytes;
+  launch.m_GraceMs = halvane::kToolGraceMs;
+  launch.m_TryNamespace = tryNamespace;
+
+  sigset_t all;
+  sigset_t previous;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &previous);
+  int error = 0;
+  const bool forked = halvane::StartSupervisor(launch, child->m_Tree, &error);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+
+  CSpawnTable& table = Spawns();
+  halvane::CTreeReport report{0, 0};
+  const bool reported = forked && halvane::ReadTreeReport(child->m_Tree.m_ReportFd, report);
+  CTableLock lock(table);
+  if (forked) {
+    child->m_PidFd = OpenPidFd(child->m_Tree.m_Pid);  // close-on-exec by nature
+    table.m_Live[child->m_Tree.m_Pid] = child;
+    // An old child's id came back: its remembered code is not this one's.
+    if (table.m_Exited.erase(child->m_Tree.m_Pid) != 0) {
+      table.m_ExitedOrder.erase(
+          std::find(table.m_ExitedOrder.begin(), table.m_ExitedOrder.end(), child->m_Tree.m_Pid));
+    }
+  }
+  child->m_Started = reported && report.m_Kind == halvane::kTreeStarted;
+  child->m_StartError = child->m_Started ? 0 : (reported ? report.m_Value : error);
+  child->m_StartKnown = true;
+  pthread_cond_broadcast(&table.m_Changed);
+}
+
+// Blocks until the supervisor has ended, without reaping it.
 void BlockUntilEnded(const CChild& child) {
   if (child.m_PidFd >= 0) {
     pollfd descriptor{child.m_PidFd, POLLIN, 0};
@@ -174,45 +383,110 @@ void BlockUntilEnded(const CChild& child) {
   }
   siginfo_t info;
   std::memset(&info, 0, sizeof(info));
-  while (::waitid(P_PID, static_cast<id_t>(child.m_Pid), &info, WEXITED | WNOWAIT) < 0 &&
+  while (::waitid(P_PID, static_cast<id_t>(child.m_Tree.m_Pid), &info, WEXITED | WNOWAIT) < 0 &&
          errno == EINTR) {
   }
 }
 
-// The watcher: waits for the child's end, reaps it under the lock and wakes
-// all waiters. Runs on its own thread, which nobody cancels.
-void WatchChild(const CChildPtr& child) {
+std::string SignalName(int signo) {
+  const char* abbreviation = ::sigabbrev_np(signo);
+  return abbreviation != nullptr ? std::string("SIG") + abbreviation : std::to_string(signo);
+}
+
+// Reaps the ended supervisor under the lock, with the tool's status from the
+// report pipe, and records how the run went.
+void Reap(const CChildPtr& child, bool haveStatus, int toolStatus) {
+  CToolRun run;
+  run.m_Path = child->m_Path;
+  run.m_Pid = static_cast<unsigned int>(child->m_Tree.m_Pid);
+  run.m_Namespace = child->m_Tree.m_Namespace;
+  run.m_LogPath = child->m_Log.m_Path;
+  run.m_LogProblem = child->m_Log.m_Problem;
   CSpawnTable& table = Spawns();
-  for (;;) {
-    BlockUntilEnded(*child);
+  {
     CTableLock lock(table);
-    if (!child->m_Reaped && HasEndedLocked(*child)) {
-      // The child has ended: whatever it left running in its process group
-      // (a helper it started in the background and did not wait for) is
-      // ended with it, so that a tool never leaves processes behind. The
-      // group's id is still reserved by our unreaped child, so the signal
-      // can reach nobody else. A process that left the group is not reached.
-      ::kill(-child->m_Pid, SIGKILL);
+    siginfo_t info;
+    std::memset(&info, 0, sizeof(info));
+    int rc;
+    do {
+      rc = ::waitid(P_PID, static_cast<id_t>(child->m_Tree.m_Pid), &info, WEXITED);
+    } while (rc < 0 && errno == EINTR);
+    unsigned int code = kLostStatusCode;
+    if (haveStatus && WIFEXITED(toolStatus)) {
+      code = static_cast<unsigned int>(WEXITSTATUS(toolStatus));
+      run.m_Result = CToolRun::Result::kExited;
+      run.m_Code = static_cast<int>(code);
+    } else if (haveStatus && WIFSIGNALED(toolStatus)) {
+      code = 128u + static_cast<unsigned int>(WTERMSIG(toolStatus));
+      run.m_Result = CToolRun::Result::kSignaled;
+      run.m_Code = WTERMSIG(toolStatus);
+    } else if (rc == 0 && info.si_code != CLD_EXITED) {
+      code = 128u + static_cast<unsigned int>(info.si_status);  // the supervisor was killed
+      run.m_Result = CToolRun::Result::kSignaled;
+      run.m_Code = info.si_status;
+    } else {
+      run.m_Result = CToolRun::Result::kFailed;
+      run.m_Why = "its exit status was lost";
     }
-    if (ReapLocked(table, *child)) {
-      pthread_cond_broadcast(&table.m_Reaped);
-      return;
+    if (child->m_Terminated) {
+      code = child->m_TerminateCode;
+      run.m_Result = CToolRun::Result::kTerminated;
+      run.m_Code = static_cast<int>(code);
     }
+    child->m_ExitCode = code;
+    child->m_Reaped = true;
+    table.m_Live.erase(child->m_Tree.m_Pid);
+    RememberExitLocked(table, child->m_Tree.m_Pid, code);
+    // Recorded before anyone wakes: whoever got the exit code may ask how
+    // the run went at once. A tool that never started is recorded by
+    // ExecuteCmd.
+    if (child->m_Started) {
+      std::string how = "exit code " + std::to_string(code);
+      if (haveStatus && WIFSIGNALED(toolStatus)) {
+        how = "killed by " + SignalName(WTERMSIG(toolStatus));
+      }
+      if (run.m_Result == CToolRun::Result::kTerminated) how += ", stopped by the host";
+      AppendLogLine(child->m_Log,
+                    "--- " + TimeText() + " " + child->m_Path + " ended: " + how + "\n");
+      RecordRun(run);
+    }
+    pthread_cond_broadcast(&table.m_Changed);
   }
 }
 
-void StartWatcher(const CChildPtr& child) {
-  // Cancellation stays off on the watcher (it inherits nothing of the kind,
-  // but a detached helper must never be unwound halfway through a reap).
+// After the start: waits for the supervisor's end (it comes only once the
+// whole tree is gone), reads the tool's status and reaps it.
+void Watch(const CChildPtr& child) {
+  BlockUntilEnded(*child);
+  bool haveStatus = false;
+  int toolStatus = 0;
+  halvane::CTreeReport report{0, 0};
+  while (halvane::ReadTreeReport(child->m_Tree.m_ReportFd, report)) {
+    if (report.m_Kind == halvane::kTreeToolEnded) {
+      haveStatus = true;
+      toolStatus = report.m_Value;
+    }
+  }
+  Reap(child, haveStatus, toolStatus);
+}
+
+void RunWatcher(const CChildPtr& child) {
+  // A supervisor that could not start the tool has ended or is about to.
+  Launch(child, true);
+  if (child->m_Tree.m_Pid > 0) Watch(child);
+}
+
+// Starts the watcher thread; false when no thread could be had.
+bool StartWatcher(const CChildPtr& child) {
   try {
     std::thread([child] {
+      // A detached helper must never be unwound halfway through a reap.
       pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-      WatchChild(child);
+      RunWatcher(child);
     }).detach();
+    return true;
   } catch (const std::system_error&) {
-    // No thread to be had: the caller watches itself. Its wait is then
-    // poll() on the pidfd, still a cancellation point.
-    WatchChild(child);
+    return false;
   }
 }
 
@@ -236,11 +510,11 @@ bool WaitReaped(const CChildPtr& child, unsigned int timeoutMs, unsigned int& ex
   CSpawnTable& table = Spawns();
   CTableLock lock(table);
   if (timeoutMs == CEvent::kInfinite) {
-    while (!child->m_Reaped) pthread_cond_wait(&table.m_Reaped, &table.m_Mutex);
+    while (!child->m_Reaped) pthread_cond_wait(&table.m_Changed, &table.m_Mutex);
   } else {
     const timespec deadline = DeadlineAfter(timeoutMs);
     while (!child->m_Reaped) {
-      if (pthread_cond_timedwait(&table.m_Reaped, &table.m_Mutex, &deadline) == ETIMEDOUT) break;
+      if (pthread_cond_timedwait(&table.m_Changed, &table.m_Mutex, &deadline) == ETIMEDOUT) break;
     }
   }
   if (!child->m_Reaped) return false;
@@ -248,165 +522,76 @@ bool WaitReaped(const CChildPtr& child, unsigned int timeoutMs, unsigned int& ex
   return true;
 }
 
-// Called through syscall(): the C library's <sys/pidfd.h> of this
-// generation declares them without C linkage for C++.
-int OpenPidFd(pid_t pid) { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0u)); }
+void WaitStartKnown(const CChildPtr& child) {
+  CSpawnTable& table = Spawns();
+  CTableLock lock(table);
+  while (!child->m_StartKnown) pthread_cond_wait(&table.m_Changed, &table.m_Mutex);
+}
 
-int SendSignal(int pidFd, int signal) {
-  return static_cast<int>(::syscall(SYS_pidfd_send_signal, pidFd, signal, nullptr, 0u));
+void RecordStartFailure(const CChild& child) {
+  CToolRun run;
+  run.m_Path = child.m_Path;
+  run.m_LogPath = child.m_Log.m_Path;
+  run.m_LogProblem = child.m_Log.m_Problem;
+  run.m_Code = child.m_StartError;
+  run.m_Why = std::strerror(child.m_StartError);
+  switch (child.m_StartError) {
+    case ENOENT:
+    case ENOTDIR:
+      run.m_Result = CToolRun::Result::kNotFound;
+      break;
+    case EACCES:
+    case ENOEXEC:
+    case EPERM:
+    case EISDIR:
+    case ELIBBAD:
+    case ETXTBSY:
+      run.m_Result = CToolRun::Result::kNotExecutable;
+      break;
+    default:
+      run.m_Result = CToolRun::Result::kFailed;
+  }
+  AppendLogLine(child.m_Log, "--- " + TimeText() + " " + child.m_Path +
+                                 " could not be started: " + run.m_Why + "\n");
+  RecordRun(run);
 }
 
 bool ValidPid(unsigned int processId) {
   return processId > 1 && processId <= static_cast<unsigned int>(INT_MAX);
 }
 
-// Reads a small /proc file whole, by its path below the /proc directory
-// (procFd); empty on any error.
-std::string ReadSmallFile(int procFd, const std::string& relativePath) {
-  const int fd = ::openat(procFd, relativePath.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::string();
-  std::string text;
-  char buffer[512];
-  for (;;) {
-    const ssize_t got = ::read(fd, buffer, sizeof(buffer));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    text.append(buffer, static_cast<std::size_t>(got));
-    if (text.size() > 65536) break;
-  }
-  ::close(fd);
-  return text;
-}
-
-// The kernel keeps at most 15 characters of a process name in comm.
-constexpr std::size_t kCommLength = 15;
-
-// The names of the machine's processes, for FindProcess, which reads the
-// name (comm) of every process each time it looks for one. Opening
-// /proc/<pid>/comm is most of that cost (the read is a quarter of it), so
-// the descriptors stay open from one search to the next and are read again
-// with pread at offset 0, which makes the kernel produce the current name
-// afresh, also after an exec. A descriptor belongs to its process, not to
-// the number: once that process has been reaped the read fails (ESRCH), and
-// a new process under the same number is opened anew. Numbers that a whole
-// search no longer finds in /proc are closed after it. At most kMaxNames
-// descriptors (and no more than an eighth of the open-files limit) are
-// kept; further processes are read with openat, read and close. All are
-// close-on-exec, so no child ever sees them.
-class CNameCache {
- public:
-  static constexpr std::size_t kMaxNames = 256;
-
-  std::mutex m_Mutex;  // held for a whole search
-
-  // comm of the process pid (pidText in decimal), without its line break;
-  // false when the process is gone or its name cannot be read.
-  bool Read(int procFd, pid_t pid, const char* pidText, char (&comm)[64]) {
-    const auto known = m_Entries.find(pid);
-    if (known != m_Entries.end()) {
-      known->second.m_Generation = m_Generation;
-      if (ReadAt(known->second.m_Fd, comm)) return true;
-      ::close(known->second.m_Fd);  // reaped; the number may be somebody else's now
-      m_Entries.erase(known);
-    }
-    char path[32];
-    const std::size_t digits = std::strlen(pidText);
-    static const char kLeaf[] = "/comm";
-    if (digits + sizeof(kLeaf) > sizeof(path)) return false;
-    std::memcpy(path, pidText, digits);
-    std::memcpy(path + digits, kLeaf, sizeof(kLeaf));
-    const int fd = ::openat(procFd, path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    const bool read = ReadAt(fd, comm);
-    if (read && m_Entries.size() < Limit()) {
-      m_Entries.emplace(pid, CEntry{fd, m_Generation});
-    } else {
-      ::close(fd);
-    }
-    return read;
-  }
-
-  // After a whole search: closes the descriptors of numbers it did not see.
-  void Sweep() {
-    for (auto entry = m_Entries.begin(); entry != m_Entries.end();) {
-      if (entry->second.m_Generation != m_Generation) {
-        ::close(entry->second.m_Fd);
-        entry = m_Entries.erase(entry);
-      } else {
-        ++entry;
-      }
-    }
-    ++m_Generation;
-  }
-
- private:
-  struct CEntry {
-    int m_Fd;
-    unsigned int m_Generation;  // the search that last saw the number
-  };
-
-  // The kernel hands comm over whole (at most 15 characters and a line
-  // break) in one read.
-  static bool ReadAt(int fd, char (&comm)[64]) {
-    ssize_t got;
-    do {
-      got = ::pread(fd, comm, sizeof(comm) - 1, 0);
-    } while (got < 0 && errno == EINTR);
-    if (got <= 0) return false;
-    std::size_t length = static_cast<std::size_t>(got);
-    if (comm[length - 1] == '\n') --length;
-    comm[length] = '\0';
-    return true;
-  }
-
-  std::size_t Limit() {
-    if (m_Limit == kUnknownLimit) {
-      rlimit files{};
-      m_Limit = kMaxNames;
-      if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur != RLIM_INFINITY) {
-        m_Limit = std::min<std::size_t>(kMaxNames, static_cast<std::size_t>(files.rlim_cur / 8));
-      }
-    }
-    return m_Limit;
-  }
-
-  static constexpr std::size_t kUnknownLimit = ~std::size_t{0};
-  std::unordered_map<pid_t, CEntry> m_Entries;
-  unsigned int m_Generation = 1;
-  std::size_t m_Limit = kUnknownLimit;
-};
-
-CNameCache& Names() {
-  static CNameCache* const cache = new CNameCache;  // searches may run during static destruction
-  return *cache;
-}
-
-bool ProcessMatches(CNameCache& names, int procFd, pid_t pid, const char* pidText,
-                    const char* name) {
-  char comm[64];
-  if (!names.Read(procFd, pid, pidText, comm)) return false;
-  const std::size_t nameLength = std::strlen(name);
-  if (nameLength < kCommLength) {
-    if (std::strcmp(comm, name) != 0) return false;
-  } else {
-    // comm may be a longer name cut to 15 characters: the first word of the
-    // command line must then name the program in full.
-    if (std::strlen(comm) != kCommLength || std::memcmp(comm, name, kCommLength) != 0) return false;
-    const std::string commandLine = ReadSmallFile(procFd, std::string(pidText) + "/cmdline");
-    const std::string first = commandLine.substr(0, commandLine.find('\0'));
-    const std::size_t slash = first.rfind('/');
-    if ((slash == std::string::npos ? first : first.substr(slash + 1)) != name) return false;
-  }
-  // Zombies have ended: only a running process counts. The state follows
-  // the last ')' in stat (the name itself may hold parentheses).
-  const std::string stat = ReadSmallFile(procFd, std::string(pidText) + "/stat");
-  const std::size_t close = stat.rfind(')');
-  if (close == std::string::npos || close + 2 >= stat.size()) return false;
-  const char state = stat[close + 2];
-  return state != 'Z' && state != 'X' && state != 'x';
-}
-
 }  // namespace
+
+namespace halvane {
+
+void SetToolLog(const std::string& path, std::size_t maxBytes) {
+  CProcessSettings& settings = Settings();
+  std::lock_guard<std::mutex> lock(settings.m_Mutex);
+  settings.m_LogPath = path;
+  settings.m_LogBytes = maxBytes;
+}
+
+CToolRun LastToolRun() {
+  CProcessSettings& settings = Settings();
+  std::lock_guard<std::mutex> lock(settings.m_Mutex);
+  return settings.m_LastRun;
+}
+
+unsigned int TerminateRunningTools(unsigned int exitCode) {
+  std::vector<pid_t> running;
+  {
+    CSpawnTable& table = Spawns();
+    CTableLock lock(table);
+    for (const auto& entry : table.m_Live) running.push_back(entry.first);
+  }
+  unsigned int told = 0;
+  for (const pid_t pid : running) {
+    if (CProcess::TerminateProcess(static_cast<unsigned int>(pid), exitCode)) ++told;
+  }
+  return told;
+}
+
+}  // namespace halvane
 
 // workingDir, when given, is the child's working directory. hidden has no
 // meaning without a window system and is ignored.
@@ -417,86 +602,58 @@ bool CProcess::ExecuteCmd(const char* commandLine, unsigned int& processId, unsi
   // The whole command line is the path of the program: no shell, no word
   // splitting, no search along PATH. A path with blanks or ';' runs exactly
   // that file.
-  struct stat status;
-  if (::stat(commandLine, &status) != 0 || !S_ISREG(status.st_mode)) return false;
-
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  // Own process group (pgid = the child's pid): TerminateProcess ends the
-  // child together with whatever it started.
-  posix_spawnattr_setpgroup(&attributes, 0);
-  sigset_t mask;
-  sigemptyset(&mask);
-  posix_spawnattr_setsigmask(&attributes, &mask);
-  sigset_t defaults;
-  sigfillset(&defaults);  // every catchable signal back to its default action
-  posix_spawnattr_setsigdefault(&attributes, &defaults);
-  posix_spawnattr_setflags(&attributes,
-                           POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  if (workingDir != nullptr && *workingDir != '\0') {
-    posix_spawn_file_actions_addchdir_np(&actions, workingDir);
+  CToolRun refused;
+  refused.m_Path = commandLine;
+  if (!CheckCommand(commandLine, refused)) {
+    RecordRun(refused);
+    return false;
   }
 
-  char* const arguments[] = {const_cast<char*>(commandLine), nullptr};
-  CSpawnTable& table = Spawns();
-  CChildPtr child;
+  const CChildPtr child = std::make_shared<CChild>();
+  child->m_Path = commandLine;
+  if (workingDir != nullptr) child->m_WorkingDir = workingDir;
+  OpenLog(child->m_Log);
+  AppendLogLine(child->m_Log, "--- " + TimeText() + " " + child->m_Path + " started\n");
   {
-    // Spawn and register under the lock: TerminateProcess and WaitForExit
-    // never see a child that exists but is not in the table yet.
-    CTableLock lock(table);
-    pid_t pid = 0;
-    const int rc = posix_spawn(&pid, commandLine, &actions, &attributes, arguments, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-    if (rc != 0) return false;  // glibc reports a failed exec here (missing, not executable, ...)
-
-    child = std::make_shared<CChild>();
-    child->m_Pid = pid;
-    child->m_PidFd = OpenPidFd(pid);  // close-on-exec by nature
-    table.m_Live[pid] = child;
-    // An old child's id came back: its remembered code is not this one's.
-    if (table.m_Exited.erase(pid) != 0) {
-      table.m_ExitedOrder.erase(
-          std::find(table.m_ExitedOrder.begin(), table.m_ExitedOrder.end(), pid));
-    }
-    // Visible to other threads from here on (the module reads it with an
-    // atomic load to terminate a long run).
-    __atomic_store_n(&processId, static_cast<unsigned int>(pid), __ATOMIC_RELEASE);
+    CToolRun running;
+    running.m_Result = CToolRun::Result::kRunning;
+    running.m_Path = child->m_Path;
+    running.m_LogPath = child->m_Log.m_Path;
+    running.m_LogProblem = child->m_Log.m_Problem;
+    RecordRun(running);
   }
 
-  StartWatcher(child);
+  const bool watched = StartWatcher(child);
+  if (watched) {
+    WaitStartKnown(child);
+  } else {
+    // No thread to be had: this thread starts and watches the tree itself,
+    // without a namespace (a thread can unshare for one supervisor only).
+    Launch(child, false);
+  }
+  if (!child->m_Started) {
+    if (child->m_Tree.m_Pid > 0 && !watched) Watch(child);
+    unsigned int ignored = 0;
+    if (child->m_Tree.m_Pid > 0) WaitReaped(child, CEvent::kInfinite, ignored);
+    RecordStartFailure(*child);
+    return false;
+  }
+  // Visible to other threads from here on (the module reads it with an
+  // atomic load to terminate a long run).
+  __atomic_store_n(&processId, static_cast<unsigned int>(child->m_Tree.m_Pid), __ATOMIC_RELEASE);
+  {
+    CProcessSettings& settings = Settings();
+    std::lock_guard<std::mutex> lock(settings.m_Mutex);
+    if (settings.m_LastRun.m_Result == CToolRun::Result::kRunning) {
+      settings.m_LastRun.m_Pid = static_cast<unsigned int>(child->m_Tree.m_Pid);
+      settings.m_LastRun.m_Namespace = child->m_Tree.m_Namespace;
+    }
+  }
+  if (!watched) Watch(child);
   unsigned int code = 0;
   if (!WaitReaped(child, CEvent::kInfinite, code)) return false;
   exitCode = code;
   return true;
-}
-
-bool CProcess::FindProcess(unsigned int& processId, const char* processName) {
-  if (processName == nullptr || *processName == '\0') return false;
-  CNameCache& names = Names();
-  std::lock_guard<std::mutex> lock(names.m_Mutex);
-  DIR* const proc = ::opendir("/proc");  // opened close-on-exec by the C library
-  if (proc == nullptr) return false;
-  const int procFd = ::dirfd(proc);
-  bool found = false;
-  while (const dirent* item = ::readdir(proc)) {
-    const char* name = item->d_name;
-    if (*name < '1' || *name > '9') continue;
-    char* end = nullptr;
-    const unsigned long pid = std::strtoul(name, &end, 10);
-    if (*end != '\0' || pid > static_cast<unsigned long>(INT_MAX)) continue;
-    if (ProcessMatches(names, procFd, static_cast<pid_t>(pid), name, processName)) {
-      processId = static_cast<unsigned int>(pid);
-      found = true;
-      break;
-    }
-  }
-  ::closedir(proc);
-  if (!found) names.Sweep();  // only a whole search knows which numbers are gone
-  return found;
 }
 
 // Only children started by ExecuteCmd can be waited for. One that was
@@ -525,8 +682,9 @@ bool CProcess::WaitForExit(unsigned int processId, unsigned int& exitCode, unsig
   return true;
 }
 
-// SIGKILL to the child and its process group, so nothing it started lives
-// on. A child that had already ended by itself keeps its own exit code.
+// Tells the supervisor to end the tree: SIGTERM to all of it, SIGKILL to
+// what is left after the grace period. A tree that had already ended by
+// itself keeps its own exit code.
 bool CProcess::TerminateProcess(unsigned int processId, unsigned int exitCode) {
   if (!ValidPid(processId)) return false;
   const pid_t pid = static_cast<pid_t>(processId);
@@ -536,15 +694,14 @@ bool CProcess::TerminateProcess(unsigned int processId, unsigned int exitCode) {
   if (live == table.m_Live.end()) return false;  // not ours, or already reaped: signal nobody
   CChild& child = *live->second;
   if (HasEndedLocked(child)) return true;
-  child.m_Terminated = true;
-  child.m_TerminateCode = exitCode;
-  if (child.m_PidFd >= 0) {
-    SendSignal(child.m_PidFd, SIGKILL);
-  } else {
-    ::kill(pid, SIGKILL);
+  if (!child.m_Terminated) {
+    child.m_Terminated = true;
+    child.m_TerminateCode = exitCode;
   }
-  // The group id equals the child's id, which our unreaped child still
-  // reserves. It fails harmlessly when the child left its group.
-  ::kill(-pid, SIGKILL);
+  if (child.m_PidFd >= 0) {
+    SendSignal(child.m_PidFd, SIGTERM);
+  } else {
+    ::kill(pid, SIGTERM);  // still reserved by our unreaped supervisor
+  }
   return true;
 }

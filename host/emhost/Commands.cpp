@@ -3,6 +3,7 @@
 #include "frame/ExtensionModule.h"
 #include "host/HostControl.h"
 #include "host/emhost/EmHost.h"
+#include "host/emhost/EventOutput.h"
 #include "host/emhost/HostSwitch.h"
 #include "host/emhost/ModuleHost.h"
 #include "host/emhost/ProgressText.h"
@@ -10,6 +11,7 @@
 #include "host/emhost/Sha256.h"
 #include "host/emhost/Signals.h"
 #include "host/emhost/StatusText.h"
+#include "host/emhost/ToolReport.h"
 #include "message/SipJson.h"
 
 #include <algorithm>
@@ -68,11 +70,13 @@ bool FileSize(const std::string& path, std::uint64_t& size) {
 }
 
 // Progress of long waits. On a terminal one line is rewritten with the
-// elapsed time; on a pipe or file every state change is one line and the
-// ticking is left out.
+// elapsed time; on a pipe or file every state change is one line, and with
+// a heartbeat a line every heartbeatSec seconds shows that the wait goes on.
+// The tool's own output never comes here (it goes to the tool log).
 class CProgress {
  public:
-  CProgress() : m_Terminal(::isatty(STDOUT_FILENO) == 1) {}
+  explicit CProgress(unsigned int heartbeatSec = 0)
+      : m_Terminal(::isatty(STDOUT_FILENO) == 1), m_HeartbeatSec(heartbeatSec) {}
 
   void State(const std::string& line) {
     ClearTick();
@@ -80,7 +84,10 @@ class CProgress {
     std::fflush(stdout);
   }
   void Tick(const std::string& text, double seconds, const std::string& detail = "") {
-    if (!m_Terminal) return;
+    if (!m_Terminal) {
+      Heartbeat(text, seconds);
+      return;
+    }
     std::printf("\r%s... %d s%s%s\033[K", text.c_str(), static_cast<int>(seconds),
                 detail.empty() ? "" : ", ", detail.c_str());
     std::fflush(stdout);
@@ -94,8 +101,17 @@ class CProgress {
   }
 
  private:
+  void Heartbeat(const std::string& text, double seconds) {
+    if (m_HeartbeatSec == 0 || seconds < m_NextBeat) return;
+    std::printf("%s, %d s\n", text.c_str(), static_cast<int>(seconds));
+    std::fflush(stdout);
+    while (m_NextBeat <= seconds) m_NextBeat += m_HeartbeatSec;
+  }
+
   bool m_Terminal;
   bool m_Ticking = false;
+  unsigned int m_HeartbeatSec;
+  double m_NextBeat = m_HeartbeatSec;
 };
 
 struct CReply {
@@ -275,12 +291,18 @@ class CHostRun {
     }
   }
 
-  // Ctrl-C or SIGTERM: stop the module, which ends a running tool (and the
-  // switch cancels a copy to the BMC first).
+  // Ctrl-C, SIGTERM, a hang-up and the like: the running tool's tree is
+  // told to end first (it gets its grace period at once, not only after the
+  // module's worker has been waited for), then the module is stopped (and
+  // the switch cancels a copy to the BMC first).
   int Interrupted(CProgress& progress, int signo, const char* ends = kEndsTool) {
     progress.ClearTick();
+    const char* name = ::sigabbrev_np(signo);
     Complain(std::string(signo == SIGINT ? "interrupted" : "terminated") +
+             (signo == SIGINT || signo == SIGTERM ? std::string()
+                                                  : std::string(" by SIG") + (name ? name : "?")) +
              "; stopping the module, which " + ends);
+    halvane::TerminateRunningTools(1);
     StopModule();
     return ExitStatusForSignal(signo);
   }
@@ -290,6 +312,7 @@ class CHostRun {
     progress.ClearTick();
     Complain(what + ": no answer within " + std::to_string(limitSec) +
              " s; stopping the module, which " + ends);
+    halvane::TerminateRunningTools(1);
     StopModule();
     Complain(what + ": module stopped");
     return kExitTimeout;
@@ -354,6 +377,41 @@ struct CCreated {
   std::uint64_t m_Size = 0;
 };
 
+// Another collection is in the way: said in words, with the process that
+// runs when one is found; "busy" has an exit status of its own.
+int ReportBusy(const std::string& what, const std::string& why) {
+  unsigned int pid = 0;
+  std::string text = what + ": another Korvex collection is already running";
+  if (!why.empty()) {
+    text += " (" + why + ")";
+  } else if (CProcess::FindProcess(pid, kToolName)) {
+    text += " (" + DescribeProcess(pid) + ")";
+  }
+  Complain(text + "; status 5, try again later");
+  return kExitBusy;
+}
+
+// Status 6: how the tool's run went, and where its output is.
+void ExplainFailedRun(const std::string& what) {
+  const halvane::CToolRun run = halvane::LastToolRun();
+  if (run.m_Result == halvane::CToolRun::Result::kNone) {
+    Complain(what + ": " + StatusLine(6, EmJob::kCreate));
+    return;
+  }
+  std::string text = what + ": the archive was not created: " + DescribeToolRun(run);
+  if (run.m_Result == halvane::CToolRun::Result::kExited && run.m_Code == 0) {
+    text += ", but left no archive";
+  }
+  Complain(text + " (status 6)");
+  if (!run.m_LogProblem.empty())
+    Complain(what + ": Korvex's output was not kept: " + run.m_LogProblem);
+  if (run.m_LogPath.empty()) return;
+  const std::vector<std::string> lines = LastLogLines(run.m_LogPath, 10);
+  Complain(what + ": Korvex's output is in " + run.m_LogPath +
+           (lines.empty() ? std::string(" (empty)") : "; its last lines:"));
+  for (const std::string& line : lines) Complain(what + ":   | " + line);
+}
+
 // The creation step of create and collect. Returns -1 when the archive was
 // created (filled into created), else the exit status.
 int CreateArchive(CHostRun& run, const std::string& what, CProgress& progress, CCreated& created) {
@@ -366,7 +424,7 @@ int CreateArchive(CHostRun& run, const std::string& what, CProgress& progress, C
   if (!run.Send(what, request, tag, result)) return kExitSetup;
   unsigned int status = request.Status();
   if (status == 22) {
-    progress.State(what + ": creating the Korvex archive (request queued, status 22)");
+    progress.State(what + ": creating the Korvex archive");
     CReply reply;
     int signo = 0;
     switch (run.Await(tag, limit, progress, what + ": Korvex is running", reply, signo)) {
@@ -380,8 +438,12 @@ int CreateArchive(CHostRun& run, const std::string& what, CProgress& progress, C
     }
   }
   created.m_Seconds = SecondsSince(start);
-  progress.State(what + ": archive creation finished after " + Seconds(created.m_Seconds) +
-                 ", status " + std::to_string(status));
+  progress.State(what + ": archive creation finished after " + Seconds(created.m_Seconds));
+  if (status == 5) return ReportBusy(what, "");
+  if (status == 6) {
+    ExplainFailedRun(what);
+    return kExitStatus;
+  }
   if (status != 0) {
     Complain(what + ": " + StatusLine(status, EmJob::kCreate));
     return kExitStatus;
@@ -413,8 +475,7 @@ int TransferArchive(CHostRun& run, const std::string& what, unsigned int timeout
   if (!run.Send(what, request, tag, result)) return kExitSetup;
   unsigned int status = request.Status();
   if (status == 22) {
-    progress.State(what + ": transferring the archive to the BMC as " + name +
-                   " (request queued, status 22)");
+    progress.State(what + ": transferring the archive to the BMC as " + name);
     const unsigned int guard = std::max(timeoutSec, 5u) + kTransferGraceSec;
     CReply reply;
     int signo = 0;
@@ -474,9 +535,33 @@ bool StartForJob(CHostRun& run, const std::string& what) {
   return true;
 }
 
+// create and collect: one collection per tool root at a time (the lock),
+// and none while a Korvex runs: the module would delete the running
+// collection's archive before it finds out. -1 when the command may go on.
+int ClaimCollection(const std::string& what, CCollectionLock& lock) {
+  std::string root;
+  if (!ConfiguredToolRoot(root)) return -1;  // StartForJob explains it
+  std::string error;
+  switch (lock.Acquire(root, &error)) {
+    case CCollectionLock::Result::kBusy:
+      return ReportBusy(what, "another em-host holds the lock of " + root);
+    case CCollectionLock::Result::kFailed:
+      Complain(what + ": " + error);
+      return kExitSetup;
+    case CCollectionLock::Result::kHeld:
+      break;
+  }
+  unsigned int pid = 0;
+  if (CProcess::FindProcess(pid, kToolName)) return ReportBusy(what, "");
+  return -1;
+}
+
 int RunCreate(CHostRun& run) {
+  CCollectionLock lock;
+  const int busy = ClaimCollection("create", lock);
+  if (busy >= 0) return busy;
   if (!StartForJob(run, "create")) return kExitSetup;
-  CProgress progress;
+  CProgress progress(run.m_Options.m_HeartbeatSec);
   CCreated created;
   const int failed = CreateArchive(run, "create", progress, created);
   if (failed >= 0) return failed;
@@ -508,9 +593,12 @@ int RunTransfer(CHostRun& run) {
 }
 
 int RunCollect(CHostRun& run) {
+  CCollectionLock lock;
+  const int busy = ClaimCollection("collect", lock);
+  if (busy >= 0) return busy;
   if (!StartForJob(run, "collect")) return kExitSetup;
   const Clock::time_point start = Clock::now();
-  CProgress progress;
+  CProgress progress(run.m_Options.m_HeartbeatSec);
   CCreated created;
   int failed = CreateArchive(run, "collect", progress, created);
   if (failed >= 0) return failed;
@@ -595,8 +683,11 @@ int RunServe(CHostRun& run) {
   // The session takes over the switch's events from here on.
   run.m_Switch.SetListener(nullptr);
   if (!run.Bring(!run.m_Options.m_NoStart, nullptr)) return kExitSetup;
+  // Events go through a stream that gives up on a stalled reader when a
+  // signal comes, so a signal always ends the session.
+  CEventOutput output(STDOUT_FILENO, run.m_Signals.Fd());
   CServeSession session(run.m_Library, run.m_Instance, run.m_Switch, run.m_Signals, STDIN_FILENO,
-                        stdout);
+                        output.Stream() != nullptr ? output.Stream() : stdout);
   return session.Run();
 }
 

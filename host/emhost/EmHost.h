@@ -16,6 +16,7 @@ constexpr int kExitStatus = 1;   // the final status is not 0; "not installed" f
 constexpr int kExitUsage = 2;    // bad command line
 constexpr int kExitSetup = 3;    // the module cannot be loaded, created or started
 constexpr int kExitTimeout = 4;  // no answer in time; the module was stopped
+constexpr int kExitBusy = 75;    // another collection runs: try again later (EX_TEMPFAIL)
 
 // Runs the command of options; returns the exit status.
 int RunEmHostCommand(const CEmHostOptions& options, CSignalWatch& signals);

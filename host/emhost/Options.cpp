@@ -68,6 +68,10 @@ const char* EmHostUsage() {
          "                            \"TO\" of the request (default, also for collect's\n"
          "                            transfer: 60 s + 1 s per 20 MB of the archive)\n"
          "  --no-start                serve: do not start the module (use a start control)\n"
+         "  --tool-log FILE           where Korvex's output goes (default: Korvex.output.log\n"
+         "                            in the tool root; bounded, the older half in FILE.1)\n"
+         "  --heartbeat S             create/collect with output on a pipe or file: a\n"
+         "                            progress line every S seconds (default 10; 0: none)\n"
          "  -h, --help                this text\n";
 }
 
@@ -107,8 +111,8 @@ bool ParseEmHostOptions(const std::vector<std::string>& args, CEmHostOptions& ou
       continue;
     }
     static const char* const kWithValue[] = {
-        "--module", "--tool-root",   "--registry",     "--cabinet", "--bmc-dir",
-        "--trace",  "--trace-level", "--service-type", "--hti",     "--timeout"};
+        "--module",      "--tool-root",    "--registry", "--cabinet", "--bmc-dir",  "--trace",
+        "--trace-level", "--service-type", "--hti",      "--timeout", "--tool-log", "--heartbeat"};
     bool known = false;
     for (const char* name : kWithValue) known = known || arg == name;
     if (!known) return fail("unknown option " + arg);
@@ -128,6 +132,9 @@ bool ParseEmHostOptions(const std::vector<std::string>& args, CEmHostOptions& ou
     } else if (arg == "--bmc-dir") {
       if (value.empty()) return fail("--bmc-dir needs a directory");
       out.m_BmcDir = AbsolutePath(value);
+    } else if (arg == "--tool-log") {
+      if (value.empty()) return fail("--tool-log needs a file");
+      out.m_ToolLog = AbsolutePath(value);
     } else if (arg == "--trace") {
       if (value.empty()) return fail("--trace needs a file, or - for standard error");
       out.m_TraceFile = value;
@@ -145,6 +152,8 @@ bool ParseEmHostOptions(const std::vector<std::string>& args, CEmHostOptions& ou
       } else if (arg == "--trace-level") {
         if (number > 5) return fail("--trace-level takes 0 to 5");
         out.m_TraceLevel = number;
+      } else if (arg == "--heartbeat") {
+        out.m_HeartbeatSec = number;
       } else if (arg == "--service-type") {
         out.m_ServiceType = number;
       } else {  // --timeout

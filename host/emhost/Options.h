@@ -37,6 +37,8 @@ struct CEmHostOptions {
   unsigned int m_TimeoutSec = 0;
   bool m_TimeoutGiven = false;
   bool m_NoStart = false;
+  std::string m_ToolLog;             // --tool-log (absolute); empty: DefaultToolLogPath
+  unsigned int m_HeartbeatSec = 10;  // create/collect on a pipe: a line this often; 0: none
 };
 
 // Parses argv. False with *error (one line, without the program name) on a

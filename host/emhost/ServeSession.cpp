@@ -6,6 +6,7 @@
 #include "host/emhost/JsonText.h"
 #include "host/emhost/ModuleHost.h"
 #include "host/emhost/Signals.h"
+#include "host/emhost/Utf8Check.h"
 #include "message/DataStruct.h"
 #include "message/SipJson.h"
 
@@ -148,6 +149,12 @@ void CServeSession::Finish() {
 CServeSession::LineResult CServeSession::HandleLine(const char* text, std::size_t length) {
   ++m_LineNumber;
   if (Blank(text, length)) return LineResult::kGoOn;
+  // Refused whole: the module would copy the bytes into replies and events,
+  // which would then no longer be JSON.
+  if (!ValidUtf8(text, length)) {
+    EmitError("the line is not valid UTF-8");
+    return LineResult::kGoOn;
+  }
   CDataStruct document;
   std::string error;
   if (!document.FromJson(text, length, kMaxDepth, &error)) {

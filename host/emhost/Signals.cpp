@@ -12,8 +12,9 @@
 CSignalWatch::CSignalWatch() : m_Fd(-1) {
   sigset_t set;
   sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
+  // Every signal whose default would end em-host at once and leave the
+  // tool's tree without its owner: each ends the command cleanly instead.
+  for (const int signo : kEndingSignals) sigaddset(&set, signo);
   sigaddset(&set, SIGPIPE);
   if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) {
     throw std::runtime_error("cannot block signals");

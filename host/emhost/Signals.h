@@ -1,10 +1,17 @@
-// Signals for em-host. SIGINT and SIGTERM are blocked in every thread -
+// Signals for em-host. SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2
+// and SIGALRM (kEndingSignals) are blocked in every thread -
 // before the module starts its worker, which inherits the mask - and are
 // read from a signalfd by the main thread, which then stops the module in
 // an ordinary context (nothing is done inside a signal handler). SIGPIPE is
 // blocked too, so that a reader that goes away shows as EPIPE on write.
 // Children do not inherit the mask: the host's process service resets it.
 #pragma once
+
+#include <csignal>
+
+// The signals that end a command: the stop of the module ends a running tool
+// gracefully (its whole tree) before em-host exits with 128 + the number.
+constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGALRM};
 
 class CSignalWatch {
  public:

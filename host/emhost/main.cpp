@@ -5,9 +5,11 @@
 #include "host/emhost/EmHost.h"
 #include "host/emhost/Options.h"
 #include "host/emhost/Signals.h"
+#include "host/emhost/ToolReport.h"
 
 #include <cstdio>
 #include <exception>
+#include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
@@ -27,9 +29,24 @@ void MakeDirectories(const std::string& path) {
   }
 }
 
+// A standard stream that is closed at start would be the number the next
+// open gets: the signal descriptor as "input", a log as "output". Each
+// missing one is opened on /dev/null first.
+void OpenMissingStandardStreams() {
+  for (int fd = 0; fd < 3; ++fd) {
+    if (::fcntl(fd, F_GETFD) >= 0) continue;
+    const int null = ::open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY);
+    if (null >= 0 && null != fd) {
+      ::dup2(null, fd);
+      ::close(null);
+    }
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  OpenMissingStandardStreams();
   try {
     // First of all, before any thread exists: every thread, the module's
     // worker included, inherits the blocked mask.
@@ -64,6 +81,14 @@ int main(int argc, char** argv) {
                !halvane::LoadRegistryFile(options.m_RegistryFile.c_str(), &error)) {
       std::fprintf(stderr, "em-host: cannot load the configuration store: %s\n", error.c_str());
       return kExitSetup;
+    }
+
+    // The tool's output goes to its log, never to em-host's own streams.
+    std::string toolRoot;
+    if (!options.m_ToolLog.empty()) {
+      halvane::SetToolLog(options.m_ToolLog);
+    } else if (ConfiguredToolRoot(toolRoot)) {
+      halvane::SetToolLog(DefaultToolLogPath(toolRoot));
     }
 
     if (options.m_Command == EmCommand::kTransfer || options.m_Command == EmCommand::kCollect ||

@@ -98,7 +98,7 @@ class Fault : public ::testing::Test {
 
 TEST_F(Fault, ToolKilledFromOutsideWithSigkillAnswersStatusSix) {
   const std::string pidFile = m_Area / "tool.pid";
-  WriteScript(m_Root + "/Korvex", "echo $$ > " + ShellQuote(pidFile + ".tmp") + "\nmv " +
+  WriteScript(m_Root + "/Korvex", "read -r s < /proc/self/stat; echo ${s%% *} > " + ShellQuote(pidFile + ".tmp") + "\nmv " +
                                       ShellQuote(pidFile + ".tmp") + " " + ShellQuote(pidFile) +
                                       "\n" + BlockOnFifo() + "exit 0");
   CEmHost host(ServeArguments(m_Root));
@@ -276,7 +276,10 @@ TEST_F(Fault, ToolThatIsADirectoryCountsAsInstalledAndAnswersStatusSix) {
 
   const CResult create = RunEmHost({"--tool-root", m_Root, "create"}, kReplyBound + kStopBound);
   EXPECT_EQ(1, create.m_Exit) << create.m_Out << create.m_Err;
-  EXPECT_TRUE(Contains(create.m_Err, "em-host: create: status 6: ")) << create.m_Err;
+  EXPECT_TRUE(Contains(create.m_Err, "em-host: create: the archive was not created: Korvex could "
+                                     "not run: " + m_Root + "/Korvex is not executable (not a "
+                                     "regular file) (status 6)\n"))
+      << create.m_Err;
 
   CEmHost host(ServeArguments(m_Root));
   host.Send(kCreateRequest);

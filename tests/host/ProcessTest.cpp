@@ -7,17 +7,17 @@
 
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <climits>
 #include <cstdio>
 #include <future>
+#include <signal.h>
+#include <sstream>
 #include <string>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -42,8 +42,8 @@ class ProcessTest : public ::testing::Test {
 
   static CRun Run(const std::string& command, const char* workingDir = nullptr) {
     CRun run;
-    run.m_Started = CProcess::ExecuteCmd(command.c_str(), run.m_ProcessId, run.m_ExitCode, workingDir,
-                                         false);
+    run.m_Started =
+        CProcess::ExecuteCmd(command.c_str(), run.m_ProcessId, run.m_ExitCode, workingDir, false);
     return run;
   }
 
@@ -122,16 +122,24 @@ TEST_F(ProcessTest, ChildStartsWithDefaultSignalsAndEmptyMask) {
   EXPECT_EQ(128u + SIGTERM, run.m_ExitCode);
 }
 
-TEST_F(ProcessTest, ChildRunsInItsOwnProcessGroup) {
+TEST_F(ProcessTest, ChildRunsInASessionOfItsOwn) {
   const std::string out = m_Dir / "ids";
-  // Read pid and pgid straight from /proc to depend on no tool.
-  WriteScript(m_Dir / "ids", "set -- $(cat /proc/$$/stat)\necho \"$1 $5\" > '" + out + ".txt'");
+  // Read pid, pgid and session from /proc/self (the shell's own entry, as
+  // this host's /proc numbers it) to depend on no tool.
+  WriteScript(m_Dir / "ids", "read -r line < /proc/self/stat\nset -- $line\necho \"$1 $5 $6\" > '" +
+                                 out + ".txt'");
   const CRun run = Run(m_Dir / "ids");
   ASSERT_TRUE(run.m_Started);
   ASSERT_EQ(0u, run.m_ExitCode);
-  const std::string expected = std::to_string(run.m_ProcessId) + " " + std::to_string(run.m_ProcessId) + "\n";
-  EXPECT_EQ(expected, ReadFile(out + ".txt"));
-  EXPECT_NE(static_cast<pid_t>(run.m_ProcessId), getpgrp());
+  std::istringstream ids(ReadFile(out + ".txt"));
+  long pid = 0, group = 0, session = 0;
+  ASSERT_TRUE(ids >> pid >> group >> session);
+  // Leader of its own group and session: no keyboard signal or hang-up of
+  // the host's terminal reaches it directly.
+  EXPECT_EQ(pid, group);
+  EXPECT_EQ(pid, session);
+  EXPECT_NE(static_cast<pid_t>(group), getpgrp());
+  EXPECT_NE(static_cast<pid_t>(session), getsid(0));
 }
 
 TEST_F(ProcessTest, WorkingDirectoryIsApplied) {
@@ -251,13 +259,20 @@ TEST_F(ProcessTest, TerminatedSleeperIsReportedWithTheGivenCodePromptly) {
 
 TEST_F(ProcessTest, TerminationEndsTheWholeProcessGroup) {
   const std::string grandchild = m_Dir / "grandchild.pid";
-  WriteScript(m_Dir / "parent", "sleep 60 &\necho $! > '" + grandchild + ".tmp'\nmv '" + grandchild +
-                                    ".tmp' '" + grandchild + "'\nwait");
+  // The sleeper's id as this host numbers it comes from /proc/self of a
+  // shell it execs into (the tool may see other numbers in a namespace).
+  WriteScript(m_Dir / "parent",
+              "sh -c 'read -r line < /proc/self/stat; set -- $line; echo $1 > \"" + grandchild +
+                  ".tmp\"; exec sleep 60' &\n"
+                  "while [ ! -s '" +
+                  grandchild + ".tmp' ]; do sleep 0.01; done\nmv '" + grandchild + ".tmp' '" +
+                  grandchild + "'\nwait");
   CBackgroundRun run;
   StartInBackground(run, m_Dir / "parent");
   ASSERT_TRUE(WaitUntil([&] { return hosttest::Exists(grandchild); }));
   const int sleeper = std::stoi(ReadFile(grandchild));
-  ASSERT_TRUE(ProcessRuns(sleeper));
+  ASSERT_TRUE(WaitUntil([&] { return ProcessRuns(sleeper); }));
+  ASSERT_TRUE(WaitUntil([&] { return LoadPid(run.m_ProcessId) != 0; }));
   const unsigned int pid = LoadPid(run.m_ProcessId);
   EXPECT_TRUE(CProcess::TerminateProcess(pid, 9));
   ASSERT_EQ(std::future_status::ready, run.m_Result.wait_for(std::chrono::seconds(20)));
@@ -341,7 +356,8 @@ TEST_F(ProcessTest, WaitForExitBesideExecuteCmdBothSeeTheCode) {
     ASSERT_TRUE(WaitUntil([&] { return LoadPid(run.m_ProcessId) != 0; }));
     const unsigned int pid = LoadPid(run.m_ProcessId);
     unsigned int code = kUntouched;
-    auto waiter = std::async(std::launch::async, [&] { return CProcess::WaitForExit(pid, code, 20000); });
+    auto waiter =
+        std::async(std::launch::async, [&] { return CProcess::WaitForExit(pid, code, 20000); });
     std::this_thread::sleep_for(std::chrono::milliseconds(round * 3));
     hosttest::WriteFile(flag, "");
     ASSERT_EQ(std::future_status::ready, waiter.wait_for(std::chrono::seconds(30)));
@@ -361,7 +377,8 @@ TEST_F(ProcessTest, ChildrenInheritNoHostDescriptors) {
   StartInBackground(first, m_Dir / "sleeper");
   ASSERT_TRUE(WaitUntil([&] { return LoadPid(first.m_ProcessId) != 0; }));
   const std::string listing = m_Dir / "fds.txt";
-  WriteScript(m_Dir / "lister", "for f in /proc/$$/fd/*; do readlink \"$f\"; done > '" + listing + "'");
+  WriteScript(m_Dir / "lister",
+              "for f in /proc/self/fd/*; do readlink \"$f\"; done > '" + listing + "'");
   const CRun run = Run(m_Dir / "lister");
   ASSERT_TRUE(run.m_Started);
   const std::string fds = ReadFile(listing);

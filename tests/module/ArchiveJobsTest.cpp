@@ -227,7 +227,10 @@ TEST_F(CreationTest, ToolTerminatedByStopGives6WithTheShutdownTrace) {
   // on this thread finds the published id and ends the tool with exit code 1.
   CFifo started(m_Dir / "started");
   ASSERT_TRUE(started.Valid());
-  WriteTool(m_Dir.Path(), "echo $$ > '" + started.Path() + "'\nsleep 60\nexit 0");
+  // The tool's parent is the supervisor whose id ExecuteCmd publishes; its
+  // stat line (read by the shell itself) numbers it as this host does.
+  WriteTool(m_Dir.Path(), "read -r s < /proc/self/stat; set -- $s; echo $4 > '" + started.Path() +
+                              "'\nsleep 60\nexit 0");
   SipJson request;
   Load(request, R"({"SIP":{"V":1,"CMD":[{"OC":13313,"TO":30,"ST":1}]}})");
   halvane::TakeTrace();
@@ -323,7 +326,8 @@ TEST_F(CreationTest, ToolProcessIdIsPublishedWhileTheToolRunsAndClearedAfterward
   CHold hold(m_Dir / "hold");
   ASSERT_TRUE(started.Valid());
   ASSERT_TRUE(hold.Valid());
-  WriteTool(m_Dir.Path(), "echo $$ > '" + started.Path() + "'\nread x < '" + hold.Path() +
+  WriteTool(m_Dir.Path(), "read -r s < /proc/self/stat; set -- $s; echo $4 > '" + started.Path() +
+                              "'\nread x < '" + hold.Path() +
                               "'\nprintf zip > '" + Archive() + "'\nexit 0");
   m_Module.m_ToolProcessId = 12345;  // cleared before the run
   SipJson request;
