@@ -98,7 +98,8 @@ class Fault : public ::testing::Test {
 
 TEST_F(Fault, ToolKilledFromOutsideWithSigkillAnswersStatusSix) {
   const std::string pidFile = m_Area / "tool.pid";
-  WriteScript(m_Root + "/Korvex", "read -r s < /proc/self/stat; echo ${s%% *} > " + ShellQuote(pidFile + ".tmp") + "\nmv " +
+  WriteScript(m_Root + "/Korvex", "read -r s < /proc/self/stat; echo ${s%% *} > " +
+                                      ShellQuote(pidFile + ".tmp") + "\nmv " +
                                       ShellQuote(pidFile + ".tmp") + " " + ShellQuote(pidFile) +
                                       "\n" + BlockOnFifo() + "exit 0");
   CEmHost host(ServeArguments(m_Root));
@@ -257,7 +258,9 @@ TEST_F(Fault, RootPathWithSpacesAndShellMetacharactersIsUsedLiterally) {
   const std::string trace = ReadFile(m_Trace);
   EXPECT_TRUE(Contains(trace, "\nEM_KORVEX (Start)   : Korvex executable: \"" + root + "/Korvex\""))
       << trace;
-  EXPECT_TRUE(Contains(trace, "\nEM_KORVEX (Transfer): Transfer archive to BMC, timeout=60 sec."))
+  // collect's default "TO": 60 s plus a second for every started 20 MB of
+  // the (8-byte) archive.
+  EXPECT_TRUE(Contains(trace, "\nEM_KORVEX (Transfer): Transfer archive to BMC, timeout=61 sec."))
       << trace;
   for (const auto& entry : Snapshot(m_Area.Path())) {
     const std::size_t slash = entry.first.rfind('/');
@@ -276,9 +279,12 @@ TEST_F(Fault, ToolThatIsADirectoryCountsAsInstalledAndAnswersStatusSix) {
 
   const CResult create = RunEmHost({"--tool-root", m_Root, "create"}, kReplyBound + kStopBound);
   EXPECT_EQ(1, create.m_Exit) << create.m_Out << create.m_Err;
-  EXPECT_TRUE(Contains(create.m_Err, "em-host: create: the archive was not created: Korvex could "
-                                     "not run: " + m_Root + "/Korvex is not executable (not a "
-                                     "regular file) (status 6)\n"))
+  EXPECT_TRUE(Contains(create.m_Err,
+                       "em-host: create: the archive was not created: Korvex could "
+                       "not run: " +
+                           m_Root +
+                           "/Korvex is not executable (not a "
+                           "regular file) (status 6)\n"))
       << create.m_Err;
 
   CEmHost host(ServeArguments(m_Root));

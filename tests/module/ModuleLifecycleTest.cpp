@@ -647,7 +647,10 @@ TEST_F(ModuleUnitTest, DeletingAModuleWhileATaskRunsEndsTheWorkerBeforeTheMember
   SetToolRoot(m_Dir.Path());
   CFifo started(m_Dir / "started");
   ASSERT_TRUE(started.Valid());
-  WriteTool(m_Dir.Path(), "echo $$ > '" + started.Path() + "'\nexec sleep 60");
+  // The tool's pid as this process sees it ($$ would be its pid inside the
+  // collection's own PID namespace).
+  WriteTool(m_Dir.Path(),
+            "read -r s < /proc/self/stat; echo ${s%% *} > '" + started.Path() + "'\nexec sleep 60");
   CRecordingSwitch recorder;
   auto* module = new EM_KORVEX;
   ASSERT_EQ(1, module->Start(&recorder, 0));
