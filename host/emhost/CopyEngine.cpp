@@ -1,5 +1,5 @@
-// The verified copy: reading, digesting on a second thread, writing with
-// direct I/O, and after the fsync the read-back of every chunk.
+// The verified copy: reading, digesting on a second thread, writing with an
+// early start of the write-out, and the read-back of every chunk.
 #include "host/emhost/CopyEngine.h"
 
 #include "host/emhost/Sha256.h"
@@ -129,11 +129,10 @@ bool ReadFull(int fd, unsigned char* data, std::size_t length, std::uint64_t off
 // kernel's copy into the page cache runs out of the CPU caches).
 constexpr std::size_t kWritePiece = 128u << 10;
 
-bool WriteFull(int fd, const unsigned char* data, std::size_t length, std::uint64_t offset,
-               std::size_t piece = kWritePiece) {
+bool WriteFull(int fd, const unsigned char* data, std::size_t length, std::uint64_t offset) {
   std::size_t put = 0;
   while (put < length) {
-    piece = std::min(length - put, piece);
+    const std::size_t piece = std::min(length - put, kWritePiece);
     const ssize_t done = ::pwrite(fd, data + put, piece, static_cast<off_t>(offset + put));
     if (done < 0 && errno == EINTR) continue;
     if (done < 0) return false;
@@ -146,6 +145,12 @@ CopyOutcome WriteOutcome(int error) {
   return error == ENOSPC || error == EDQUOT ? CopyOutcome::kNoSpace : CopyOutcome::kWriteFailed;
 }
 
+// sync_file_range is a hint on file systems that cannot do it (EINVAL,
+// ESPIPE); a real write-out error (EIO, ENOSPC) counts.
+bool WriteOutFailed(int result) {
+  return result != 0 && errno != EINVAL && errno != ESPIPE && errno != ENOSYS;
+}
+
 class CVerifiedCopy {
  public:
   CVerifiedCopy(int source, int target, int readBack, const CCopySettings& settings)
@@ -156,32 +161,34 @@ class CVerifiedCopy {
         m_Window(std::max(settings.m_Window, 1u)),
         m_PauseMs(settings.m_PauseMs),
         m_Ring(m_Window),
-        m_Check(Allocate(m_Chunk)) {
-    for (CBuffer& buffer : m_Ring) buffer = Allocate(m_Chunk);
-  }
+        m_Lengths(m_Window, 0),
+        m_Check(Allocate(m_Chunk)) {}
 
   CCopyResult Run(const std::function<bool()>& stop, CCopyProgress* progress) {
     ::posix_fadvise(m_Source, 0, 0, POSIX_FADV_SEQUENTIAL);
-    m_Direct = SetDirect(true);
     for (;;) {
-      // A buffer is reused only once its chunk has been digested.
-      if (m_Chunks >= m_Window) m_Hasher.WaitDigested(m_Chunks - m_Window + 1);
+      if (m_Chunks >= m_Window) {
+        if (!Verify(m_Chunks - m_Window)) return m_Result;
+        m_Hasher.WaitDigested(m_Chunks - m_Window + 1);
+      }
       std::size_t length = 0;
       if (!CopyChunk(length)) return m_Result;
       if (progress != nullptr) progress->m_Copied.store(m_Bytes, std::memory_order_relaxed);
       if (length < m_Chunk) break;  // the end of the source
       if (m_PauseMs != 0) std::this_thread::sleep_for(std::chrono::milliseconds(m_PauseMs));
-      if (Stopped(stop)) return m_Result;
+      if (stop && stop()) {
+        Fail(CopyOutcome::kStopped, "stopped");
+        return m_Result;
+      }
     }
     if (::fsync(m_Target) != 0) {
       Fail(WriteOutcome(errno), Errno("cannot sync the copy"));
       return m_Result;
     }
-    m_Result.m_Sha256 = m_Hasher.Final(m_Chunks);
-    if (m_ReadBack < 0 && m_Direct) m_ReadBack = m_Target;
-    for (std::uint64_t k = 0; k < m_Chunks; ++k) {
-      if (!Verify(k) || Stopped(stop)) return m_Result;
+    for (std::uint64_t k = m_Chunks > m_Window ? m_Chunks - m_Window : 0; k < m_Chunks; ++k) {
+      if (!Verify(k)) return m_Result;
     }
+    m_Result.m_Sha256 = m_Hasher.Final(m_Chunks);
     m_Result.m_Outcome = CopyOutcome::kDone;
     m_Result.m_Bytes = m_Bytes;
     m_Result.m_FromDevice = m_ReadBack >= 0;
@@ -189,73 +196,47 @@ class CVerifiedCopy {
   }
 
  private:
-  bool Stopped(const std::function<bool()>& stop) {
-    if (!stop || !stop()) return false;
-    Fail(CopyOutcome::kStopped, "stopped");
-    return true;
-  }
-
-  // Direct I/O on the copy, where its file system offers it: the data goes
-  // from our buffer to the device without a second copy in the page cache
-  // and without the kernel's write-back threads.
-  bool SetDirect(bool on) {
-    const int flags = ::fcntl(m_Target, F_GETFL);
-    if (flags < 0) return false;
-    return ::fcntl(m_Target, F_SETFL, on ? flags | O_DIRECT : flags & ~O_DIRECT) == 0;
-  }
-
   // Reads, posts for digesting and writes the next chunk; length 0 at the end.
   bool CopyChunk(std::size_t& length) {
     const std::size_t slot = static_cast<std::size_t>(m_Chunks % m_Window);
+    if (!m_Ring[slot]) m_Ring[slot] = Allocate(m_Chunk);
     unsigned char* data = m_Ring[slot].get();
     if (!ReadFull(m_Source, data, m_Chunk, m_Bytes, length)) {
       return Fail(CopyOutcome::kReadFailed, Errno("cannot read the source"));
     }
     if (length == 0) return true;
     m_Hasher.Post(data, length);
-    if (!Write(data, length)) return Fail(WriteOutcome(errno), Errno("cannot write the copy"));
+    if (!WriteFull(m_Target, data, length, m_Bytes)) {
+      return Fail(WriteOutcome(errno), Errno("cannot write the copy"));
+    }
+    // Start the write-out now, so the device works while the next chunks
+    // are copied and the final fsync finds little left to do.
+    ::sync_file_range(m_Target, static_cast<off_t>(m_Bytes), static_cast<off_t>(length),
+                      SYNC_FILE_RANGE_WRITE);
+    m_Lengths[slot] = length;
     m_Bytes += length;
     ++m_Chunks;
     return true;
   }
 
-  // Direct I/O writes whole blocks in one call; the tail of the file that
-  // does not fill a block goes through the page cache.
-  bool Write(const unsigned char* data, std::size_t length) {
-    if (!m_Direct) return WriteFull(m_Target, data, length, m_Bytes);
-    const std::size_t whole = length / kAlign * kAlign;
-    if (!WriteFull(m_Target, data, whole, m_Bytes, whole)) {
-      if (errno != EINVAL) return false;
-      // Direct I/O accepted by the file system but not for these writes.
-      m_Direct = false;
-      SetDirect(false);
-      return WriteFull(m_Target, data, length, m_Bytes);
-    }
-    if (whole == length) return true;
-    if (!SetDirect(false)) return false;
-    const bool written = WriteFull(m_Target, data + whole, length - whole, m_Bytes + whole);
-    const int error = errno;
-    SetDirect(true);  // for the read-back; failing that, it comes from the page cache
-    errno = error;
-    return written;
-  }
-
-  // Reads chunk k of the copy back and compares it with the source's bytes
-  // read again: from the device with direct I/O, or from the page cache.
+  // Reads chunk k back and compares it with the bytes that were digested.
+  // From the device: after waiting for the chunk's write-out, with direct
+  // I/O. From the page cache: what the kernel holds for the file.
   bool Verify(std::uint64_t k) {
-    const std::uint64_t offset = k * m_Chunk;
-    const std::size_t length =
-        static_cast<std::size_t>(std::min<std::uint64_t>(m_Chunk, m_Bytes - offset));
-    unsigned char* source = m_Ring[0].get();
-    std::size_t got = 0;
-    if (!ReadFull(m_Source, source, length, offset, got)) {
-      return Fail(CopyOutcome::kReadFailed, Errno("cannot read the source again"));
+    const std::size_t slot = static_cast<std::size_t>(k % m_Window);
+    const std::size_t length = m_Lengths[slot];
+    const off_t offset = static_cast<off_t>(k * m_Chunk);
+    if (m_ReadBack >= 0 &&
+        WriteOutFailed(::sync_file_range(
+            m_Target, offset, static_cast<off_t>(length),
+            SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER))) {
+      return Fail(WriteOutcome(errno), Errno("cannot write the copy out"));
     }
-    std::size_t back = 0;
-    if (!ReadBack(static_cast<off_t>(offset), length, back)) {
+    std::size_t got = 0;
+    if (!ReadBack(offset, length, got)) {
       return Fail(CopyOutcome::kWriteFailed, Errno("cannot read the copy back"));
     }
-    if (got != length || back != length || std::memcmp(m_Check.get(), source, length) != 0) {
+    if (got != length || std::memcmp(m_Check.get(), m_Ring[slot].get(), length) != 0) {
       return Fail(CopyOutcome::kMismatch,
                   "the copy read back differs from the source at offset " + std::to_string(offset));
     }
@@ -276,7 +257,6 @@ class CVerifiedCopy {
       }
       if (errno != EINVAL) return false;
       m_ReadBack = -1;  // direct I/O refused after all: the page cache it is
-      SetDirect(false);
     }
     return ReadFull(m_Target, m_Check.get(), length, static_cast<std::uint64_t>(offset), got);
   }
@@ -295,11 +275,11 @@ class CVerifiedCopy {
   const int m_Source;
   const int m_Target;
   int m_ReadBack;
-  bool m_Direct = false;
   const std::size_t m_Chunk;
   const unsigned int m_Window;
   const unsigned int m_PauseMs;
   std::vector<CBuffer> m_Ring;
+  std::vector<std::size_t> m_Lengths;
   CBuffer m_Check;
   std::uint64_t m_Chunks = 0;  // chunks written
   std::uint64_t m_Bytes = 0;   // bytes written
