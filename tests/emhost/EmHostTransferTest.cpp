@@ -11,6 +11,7 @@
 #include "host/emhost/ProgressText.h"
 #include "host/emhost/Sha256.h"
 #include "message/SipJson.h"
+#include "tests/support/TempFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -30,54 +31,15 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-class CTempDir {
+// A scratch directory of this suite.
+class CTempDir : public korvex_test::CTempDir {
  public:
-  CTempDir() {
-    char pattern[] = "/var/tmp/emhost-transfer.XXXXXX";
-    const char* made = ::mkdtemp(pattern);
-    if (made == nullptr) throw std::runtime_error("mkdtemp failed");
-    m_Path = made;
-  }
-  ~CTempDir() {
-    const std::string command = "rm -rf '" + m_Path + "'";
-    if (std::system(command.c_str()) != 0) {
-      // Best effort: a left-over temp directory does no harm.
-    }
-  }
-  const std::string& Path() const { return m_Path; }
-  std::string Sub(const std::string& name) const {
-    const std::string path = m_Path + "/" + name;
-    ::mkdir(path.c_str(), 0755);
-    return path;
-  }
-
- private:
-  std::string m_Path;
+  CTempDir() : korvex_test::CTempDir("emhost-transfer", "/var/tmp") {}
 };
 
-void WriteFile(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary);
-  out << content;
-}
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-std::set<std::string> Entries(const std::string& dir) {
-  std::set<std::string> names;
-  DIR* listing = ::opendir(dir.c_str());
-  if (listing == nullptr) return names;
-  while (dirent* entry = ::readdir(listing)) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.insert(name);
-  }
-  ::closedir(listing);
-  return names;
-}
+using korvex_test::Entries;
+using korvex_test::ReadFile;
+using korvex_test::WriteFile;
 
 // Bytes that differ from chunk to chunk, so a chunk written at the wrong
 // offset shows.

@@ -7,6 +7,7 @@
 // their output and a read of their input.
 #include "frame/HostServices.h"
 #include "tests/emhost/EmHostProcess.h"
+#include "tests/support/CollectorTool.h"
 
 #include <gtest/gtest.h>
 
@@ -121,27 +122,7 @@ class EmHostTree : public ::testing::Test {
 
   // The collector: every process of its tree carries the marker.
   void Collector() {
-    const std::string s = "sleep " + m_Marker;
-    Tool("mkdir -p '" + m_Scratch + "' && echo data > '" + m_Scratch +
-         "/big'\n"
-         "trap 'rm -rf \"" +
-         m_Scratch +
-         "\"; exit 143' TERM\n"
-         "echo '{\"id\":1,\"event\":\"reply\",\"message\":\"from the tool\"}'\n"
-         "read line && echo \"tool read: $line\"\n"
-         "timeout 300 " +
-         s +
-         " &\n"
-         "setsid sh -c '" +
-         s +
-         "' &\n"
-         "( " +
-         s + " & )\n" + s +
-         " &\n"
-         "touch '" +
-         m_Ready +
-         "'\n"
-         "wait\n");
+    Tool(korvex_test::CollectorBody(m_Scratch, m_Ready, m_Marker, /*talks=*/true));
   }
   void Tool(const std::string& body, mode_t mode = 0755) {
     WriteFile(m_Root + "/Korvex", "#!/bin/sh\n" + body, mode);

@@ -6,6 +6,7 @@
 #include "frame/HostServices.h"
 #include "host/HostControl.h"
 #include "tests/host/HostTestSupport.h"
+#include "tests/support/CollectorTool.h"
 
 #include <gtest/gtest.h>
 
@@ -73,25 +74,7 @@ class ProcessTreeTest : public ::testing::Test {
   // timeout (a process group of its own), a child in a new session, a
   // grandchild reparented away from it, and a sleeper it waits for.
   std::string CollectorBody() const {
-    const std::string s = "sleep " + m_Marker;
-    return "mkdir -p '" + m_Scratch + "' && echo data > '" + m_Scratch +
-           "/big'\n"
-           "trap 'rm -rf \"" +
-           m_Scratch +
-           "\"; exit 143' TERM\n"
-           "timeout 300 " +
-           s +
-           " &\n"
-           "setsid sh -c '" +
-           s +
-           "' &\n"
-           "( " +
-           s + " & )\n" + s +
-           " &\n"
-           "touch '" +
-           m_Ready +
-           "'\n"
-           "wait\n";
+    return korvex_test::CollectorBody(m_Scratch, m_Ready, m_Marker);
   }
 
   struct CBackground {
