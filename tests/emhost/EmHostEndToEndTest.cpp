@@ -4,6 +4,7 @@
 #include "frame/HostServices.h"
 #include "host/emhost/Sha256.h"
 #include "tests/emhost/EmHostProcess.h"
+#include "tests/support/TempFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -26,6 +27,8 @@
 
 namespace {
 
+using korvex_test::Entries;
+
 const std::string kEmHost = EMHOST_BIN;
 const std::string kDemoTool = EMHOST_DEMO_TOOL;
 
@@ -47,18 +50,6 @@ void WriteFile(const std::string& path, const std::string& content, mode_t mode 
 bool Exists(const std::string& path) {
   struct stat info {};
   return ::stat(path.c_str(), &info) == 0;
-}
-
-std::set<std::string> Entries(const std::string& dir) {
-  std::set<std::string> names;
-  DIR* listing = ::opendir(dir.c_str());
-  if (listing == nullptr) return names;
-  while (dirent* entry = ::readdir(listing)) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.insert(name);
-  }
-  ::closedir(listing);
-  return names;
 }
 
 // A process is gone when it no longer exists or is only a zombie.

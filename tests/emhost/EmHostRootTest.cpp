@@ -2,6 +2,7 @@
 // tmpfs, to see the free-space check and a full file system. They skip
 // themselves without root or where tmpfs cannot be mounted.
 #include "host/emhost/BmcFileTransfer.h"
+#include "tests/support/TempFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -18,17 +19,7 @@
 
 namespace {
 
-std::set<std::string> Entries(const std::string& dir) {
-  std::set<std::string> names;
-  DIR* listing = ::opendir(dir.c_str());
-  if (listing == nullptr) return names;
-  while (dirent* entry = ::readdir(listing)) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.insert(name);
-  }
-  ::closedir(listing);
-  return names;
-}
+using korvex_test::Entries;
 
 class EmHostSmallBmc : public ::testing::Test {
  protected:

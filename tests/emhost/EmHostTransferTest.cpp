@@ -11,6 +11,7 @@
 #include "host/emhost/ProgressText.h"
 #include "host/emhost/Sha256.h"
 #include "message/SipJson.h"
+#include "tests/emhost/TransferRequests.h"
 #include "tests/support/TempFiles.h"
 
 #include <gtest/gtest.h>
@@ -37,8 +38,10 @@ class CTempDir : public korvex_test::CTempDir {
   CTempDir() : korvex_test::CTempDir("emhost-transfer", "/var/tmp") {}
 };
 
+using korvex_test::BuildTransfer;
 using korvex_test::Entries;
 using korvex_test::ReadFile;
+using korvex_test::Sha256Hex;
 using korvex_test::WriteFile;
 
 // Bytes that differ from chunk to chunk, so a chunk written at the wrong
@@ -51,21 +54,6 @@ std::string Pattern(std::size_t size) {
     c = static_cast<char>(state >> 24);
   }
   return data;
-}
-
-std::string Sha256Hex(const std::string& data) {
-  CSha256 digest;
-  digest.Update(data.data(), data.size());
-  return digest.FinalHex();
-}
-
-void BuildTransfer(SipJson& request, const std::string& local, const std::string& bmc,
-                   unsigned int timeout) {
-  std::string text = "{\"SIP\":{\"V\":1,\"CMD\":[{\"OC\":61522";
-  if (timeout != 0) text += ",\"TO\":" + std::to_string(timeout);
-  text += ",\"DA\":{\"FileType\":2,\"LocalFilePath\":\"" + local + "\",\"BmcFilePath\":\"" + bmc +
-          "\"}}]}}";
-  ASSERT_TRUE(request.FromJson(text.data(), text.size()));
 }
 
 double SecondsSince(Clock::time_point start) {

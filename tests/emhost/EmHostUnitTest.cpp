@@ -8,6 +8,7 @@
 #include "host/emhost/Sha256.h"
 #include "host/emhost/StatusText.h"
 #include "message/SipJson.h"
+#include "tests/emhost/TransferRequests.h"
 #include "tests/support/TempFiles.h"
 
 #include <gtest/gtest.h>
@@ -34,25 +35,11 @@ class CTempDir : public korvex_test::CTempDir {
   CTempDir() : korvex_test::CTempDir("emhost-unit", "/tmp") {}
 };
 
+using korvex_test::BuildTransfer;
 using korvex_test::Entries;
 using korvex_test::ReadFile;
+using korvex_test::Sha256Hex;
 using korvex_test::WriteFile;
-
-std::string Sha256Hex(const std::string& data) {
-  CSha256 digest;
-  digest.Update(data.data(), data.size());
-  return digest.FinalHex();
-}
-
-// A 0xF052 request as the module builds it.
-void BuildTransfer(SipJson& request, const std::string& local, const std::string& bmc,
-                   unsigned int timeout) {
-  std::string text = "{\"SIP\":{\"V\":1,\"CMD\":[{\"OC\":61522";
-  if (timeout != 0) text += ",\"TO\":" + std::to_string(timeout);
-  text += ",\"DA\":{\"FileType\":2,\"LocalFilePath\":\"" + local + "\",\"BmcFilePath\":\"" + bmc +
-          "\"}}]}}";
-  ASSERT_TRUE(request.FromJson(text.data(), text.size()));
-}
 
 unsigned int RunTransfer(const CBmcFileTransfer& transfer, const std::string& local,
                          const std::string& bmc, unsigned int timeout, CBmcTransferJob& job) {
