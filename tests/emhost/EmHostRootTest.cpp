@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <dirent.h>
+#include <fcntl.h>
 #include <fstream>
 #include <set>
 #include <string>
@@ -103,5 +104,33 @@ TEST_F(EmHostSmallBmc, FileSystemFillingUpDuringTheCopyLeavesNothingBehind) {
   transfer.Run(request, job);
   filler.join();
   EXPECT_EQ(job.m_Status, static_cast<unsigned int>(BMC_NO_SPACE));
+  EXPECT_EQ(Entries(m_Bmc), (std::set<std::string>{"filler"}));
+}
+
+TEST_F(EmHostSmallBmc, FileSystemFillingUpDuringADirectCopyLeavesNothingBehind) {
+  // As above, with the copy written with direct I/O (where the tmpfs offers it).
+  const int probe =
+      ::open((m_Bmc + "/probe").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_DIRECT | O_CLOEXEC, 0600);
+  if (probe < 0) GTEST_SKIP() << "no direct I/O on tmpfs here";
+  ::close(probe);
+  ::unlink((m_Bmc + "/probe").c_str());
+  Source(100 * 1024);
+  CBmcFileTransfer transfer(m_Bmc, CCopySettings{4096, 2, 50, false, 4096, 2, 0});
+  CBmcTransferRequest request;
+  request.m_FileType = 2;
+  request.m_LocalPath = m_Dir + "/src";
+  request.m_BmcName = "late.zip";
+  CBmcTransferJob job;
+  std::thread filler([&] {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (Entries(m_Bmc).empty() && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    std::ofstream out(m_Bmc + "/filler", std::ios::binary);
+    out << std::string(256 * 1024, 'f');
+  });
+  transfer.Run(request, job);
+  filler.join();
+  EXPECT_EQ(job.m_Status, static_cast<unsigned int>(BMC_NO_SPACE)) << job.m_Message;
   EXPECT_EQ(Entries(m_Bmc), (std::set<std::string>{"filler"}));
 }

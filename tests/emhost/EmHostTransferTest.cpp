@@ -162,6 +162,100 @@ TEST(EmHostCopyEngine, StopCheckEndsTheCopy) {
   EXPECT_EQ(result.m_Bytes, 3u * 4096u);
 }
 
+// A copy written with direct I/O: the engine sees O_DIRECT on the target.
+// Chunks of 4096 bytes, two of them held.
+const CCopySettings kDirectSmall{4096, 2, 0, false, 4096, 2, 0};
+
+int OpenDirectTarget(const std::string& path) {
+  return ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_DIRECT | O_CLOEXEC, 0600);
+}
+
+TEST(EmHostCopyEngine, DirectCopyOfEverySizeAroundTheChunksIsExactAndFromTheDevice) {
+  CTempDir dir;
+  for (const std::size_t size :
+       {std::size_t{0}, std::size_t{1}, std::size_t{4095}, std::size_t{4096}, std::size_t{4097},
+        std::size_t{3 * 4096}, std::size_t{10 * 4096 + 17}}) {
+    const std::string data = Pattern(size);
+    WriteFile(dir.Path() + "/src", data);
+    const int target = OpenDirectTarget(dir.Path() + "/dst");
+    if (target < 0) GTEST_SKIP() << "no direct I/O on " << dir.Path();
+    const int source = ::open((dir.Path() + "/src").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(source, 0);
+    CCopyProgress progress;
+    const CCopyResult result = CopyVerified(source, target, -1, kDirectSmall, nullptr, &progress);
+    ::close(source);
+    ::close(target);
+    ASSERT_EQ(result.m_Outcome, CopyOutcome::kDone) << size << ": " << result.m_Why;
+    EXPECT_TRUE(result.m_FromDevice) << size;
+    EXPECT_EQ(result.m_Bytes, size);
+    EXPECT_EQ(progress.m_Copied.load(), size);
+    EXPECT_EQ(result.m_Sha256, Sha256Hex(data)) << size;
+    // Exactly the source: the padding of the last block is cut off again.
+    EXPECT_EQ(ReadFile(dir.Path() + "/dst"), data) << size;
+  }
+}
+
+TEST(EmHostCopyEngine, DirectCopyThatReadsBackDifferentlyIsAMismatch) {
+  CTempDir dir;
+  const std::string data = Pattern(3 * 4096);
+  WriteFile(dir.Path() + "/src", data);
+  std::string other = data;
+  other[2 * 4096 + 5] ^= 1;
+  WriteFile(dir.Path() + "/other", other);
+  const int target = OpenDirectTarget(dir.Path() + "/dst");
+  if (target < 0) GTEST_SKIP() << "no direct I/O on " << dir.Path();
+  const int source = ::open((dir.Path() + "/src").c_str(), O_RDONLY | O_CLOEXEC);
+  const int readBack = ::open((dir.Path() + "/other").c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC);
+  ASSERT_GE(readBack, 0);
+  const CCopyResult result = CopyVerified(source, target, readBack, kDirectSmall, nullptr, nullptr);
+  ::close(source);
+  ::close(target);
+  ::close(readBack);
+  EXPECT_EQ(result.m_Outcome, CopyOutcome::kMismatch);
+  EXPECT_NE(result.m_Why.find("offset 8192"), std::string::npos) << result.m_Why;
+}
+
+TEST(EmHostCopyEngine, StopCheckEndsTheDirectCopy) {
+  CTempDir dir;
+  WriteFile(dir.Path() + "/src", Pattern(20 * 4096));
+  const int target = OpenDirectTarget(dir.Path() + "/dst");
+  if (target < 0) GTEST_SKIP() << "no direct I/O on " << dir.Path();
+  const int source = ::open((dir.Path() + "/src").c_str(), O_RDONLY | O_CLOEXEC);
+  int chunks = 0;
+  const CCopyResult result = CopyVerified(
+      source, target, -1, kDirectSmall, [&] { return ++chunks == 3; }, nullptr);
+  ::close(source);
+  ::close(target);
+  EXPECT_EQ(result.m_Outcome, CopyOutcome::kStopped);
+  EXPECT_EQ(result.m_Bytes, 3u * 4096u);
+}
+
+TEST(EmHostBmcCopy, LargeFilesAreStoredWithDirectIoAndSmallOnesThroughThePageCache) {
+  CTempDir dir;
+  const std::string bmc = dir.Sub("bmc");
+  const int probe = OpenDirectTarget(bmc + "/probe");
+  if (probe < 0) GTEST_SKIP() << "no direct I/O on " << bmc;
+  ::close(probe);
+  ::unlink((bmc + "/probe").c_str());
+  const std::string content = Pattern(5 * 4096 + 3);
+  WriteFile(dir.Path() + "/src", content);
+  for (const std::uint64_t directFrom : {std::uint64_t{5 * 4096}, std::uint64_t{6 * 4096}}) {
+    CCopySettings settings;
+    settings.m_DirectFromBytes = directFrom;
+    CBmcFileTransfer transfer(bmc, settings);
+    CBmcTransferRequest request;
+    request.m_FileType = 2;
+    request.m_LocalPath = dir.Path() + "/src";
+    request.m_BmcName = "out.zip";
+    CBmcTransferJob job;
+    transfer.Run(request, job);
+    ASSERT_EQ(job.m_Status, static_cast<unsigned int>(BMC_OK)) << job.m_Message;
+    EXPECT_EQ(job.m_ReadBackFromDevice, directFrom <= content.size()) << directFrom;
+    EXPECT_EQ(ReadFile(bmc + "/out.zip"), content);
+    EXPECT_EQ(ReadFile(bmc + "/out.zip.sha256"), Sha256Hex(content) + "  out.zip\n");
+  }
+}
+
 // ----- sources that are not regular files ---------------------------------------------
 
 TEST(EmHostBmcSource, LinkFifoDirectoryAndDeviceAreRefusedAndNamed) {
