@@ -327,8 +327,8 @@ TEST_F(CreationTest, ToolProcessIdIsPublishedWhileTheToolRunsAndClearedAfterward
   ASSERT_TRUE(started.Valid());
   ASSERT_TRUE(hold.Valid());
   WriteTool(m_Dir.Path(), "read -r s < /proc/self/stat; set -- $s; echo $4 > '" + started.Path() +
-                              "'\nread x < '" + hold.Path() +
-                              "'\nprintf zip > '" + Archive() + "'\nexit 0");
+                              "'\nread x < '" + hold.Path() + "'\nprintf zip > '" + Archive() +
+                              "'\nexit 0");
   m_Module.m_ToolProcessId = 12345;  // cleared before the run
   SipJson request;
   Load(request, R"({"SIP":{"V":1,"CMD":[{"OC":13313}]}})");

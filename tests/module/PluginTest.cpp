@@ -255,8 +255,8 @@ TEST_F(PluginTest, StopTerminatesALongRunningTool) {
   ASSERT_TRUE(started.Valid());
   // The tool's id and its parent's (the supervisor, whose id the module
   // gets), from its stat line as this host numbers them.
-  WriteTool(m_Dir.Path(), "read -r s < /proc/self/stat; set -- $s; echo $1 $4 > '" + started.Path() +
-                              "'\nsleep 60\nexit 0");
+  WriteTool(m_Dir.Path(), "read -r s < /proc/self/stat; set -- $s; echo $1 $4 > '" +
+                              started.Path() + "'\nsleep 60\nexit 0");
   ASSERT_EQ(1, Start(&m_Switch));
   EXPECT_EQ(1, Request(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295}]}})"));
   std::string ids;
