@@ -9,12 +9,13 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-CSignalWatch::CSignalWatch() : m_Fd(-1) {
+CSignalWatch::CSignalWatch(const int* first, const int* last) : m_Fd(-1) {
   sigset_t set;
   sigemptyset(&set);
-  // Every signal whose default would end em-host at once and leave the
-  // tool's tree without its owner: each ends the command cleanly instead.
-  for (const int signo : kEndingSignals) sigaddset(&set, signo);
+  // By default every signal whose default would end em-host at once and
+  // leave the tool's tree without its owner: each ends the command cleanly
+  // instead.
+  for (const int* signo = first; signo != last; ++signo) sigaddset(&set, *signo);
   sigaddset(&set, SIGPIPE);
   if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) {
     throw std::runtime_error("cannot block signals");

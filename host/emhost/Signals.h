@@ -8,6 +8,7 @@
 #pragma once
 
 #include <csignal>
+#include <iterator>
 
 // The signals that end a command: the stop of the module ends a running tool
 // gracefully (its whole tree) before em-host exits with 128 + the number.
@@ -15,9 +16,14 @@ constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIG
 
 class CSignalWatch {
  public:
-  // Blocks the signals in the calling thread; call it before any thread
-  // exists. Throws std::runtime_error when no signalfd can be made.
-  CSignalWatch();
+  // Blocks the ending signals (and SIGPIPE) in the calling thread; call it
+  // before any thread exists. Throws std::runtime_error when no signalfd
+  // can be made.
+  CSignalWatch() : CSignalWatch(std::begin(kEndingSignals), std::end(kEndingSignals)) {}
+  // The same for the signals [first, last): for a program embedding
+  // em-host's parts that uses some of the ending signals itself (a fuzzing
+  // driver's SIGALRM time-out).
+  CSignalWatch(const int* first, const int* last);
   ~CSignalWatch();
   CSignalWatch(const CSignalWatch&) = delete;
   CSignalWatch& operator=(const CSignalWatch&) = delete;

@@ -20,6 +20,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
+#include <signal.h>
 #include <string>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -49,7 +51,10 @@ std::FILE* g_Output = nullptr;
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  g_Signals = new CSignalWatch;  // blocks SIGINT/SIGTERM/SIGPIPE, as em-host does first
+  // SIGINT and SIGTERM only: libFuzzer's own time-out runs on SIGALRM, which
+  // em-host would take as a request to end the session.
+  static const int kSignals[] = {SIGINT, SIGTERM};
+  g_Signals = new CSignalWatch(std::begin(kSignals), std::end(kSignals));
   g_Output = std::fopen("/dev/null", "w");
   if (g_Output == nullptr) std::abort();
   halvane::TraceToMemory();
