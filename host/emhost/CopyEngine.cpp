@@ -151,28 +151,33 @@ bool WriteOutFailed(int result) {
   return result != 0 && errno != EINVAL && errno != ESPIPE && errno != ENOSYS;
 }
 
-class CVerifiedCopy {
+// What both copies share: a ring of chunk buffers filled from the source
+// and digested on the hashing thread, the stop and pause between chunks,
+// the comparison of a chunk read back, and the result. A copy says what
+// happens before each chunk (Prepare), to each chunk once read and posted
+// for digesting (Store) and after the last one (Finish).
+class CChunkedCopy {
  public:
-  CVerifiedCopy(int source, int target, int readBack, const CCopySettings& settings)
+  CChunkedCopy(int source, int target, std::size_t chunkBytes, unsigned int window,
+               unsigned int pauseMs)
       : m_Source(source),
         m_Target(target),
-        m_ReadBack(readBack),
-        m_Chunk(RoundUp(std::max<std::size_t>(settings.m_ChunkBytes, 1))),
-        m_Window(std::max(settings.m_Window, 1u)),
-        m_PauseMs(settings.m_PauseMs),
+        m_Chunk(RoundUp(std::max<std::size_t>(chunkBytes, 1))),
+        m_Window(std::max(window, 1u)),
+        m_PauseMs(pauseMs),
         m_Ring(m_Window),
-        m_Lengths(m_Window, 0),
         m_Check(Allocate(m_Chunk)) {}
+  virtual ~CChunkedCopy() = default;
+  CChunkedCopy(const CChunkedCopy&) = delete;
+  CChunkedCopy& operator=(const CChunkedCopy&) = delete;
 
   CCopyResult Run(const std::function<bool()>& stop, CCopyProgress* progress) {
     ::posix_fadvise(m_Source, 0, 0, POSIX_FADV_SEQUENTIAL);
     for (;;) {
-      if (m_Chunks >= m_Window) {
-        if (!Verify(m_Chunks - m_Window)) return m_Result;
-        m_Hasher.WaitDigested(m_Chunks - m_Window + 1);
-      }
+      // A buffer is reused only once its chunk is digested.
+      if (m_Chunks >= m_Window && !Prepare()) return m_Result;
       std::size_t length = 0;
-      if (!CopyChunk(length)) return m_Result;
+      if (!NextChunk(length)) return m_Result;
       if (progress != nullptr) progress->m_Copied.store(m_Bytes, std::memory_order_relaxed);
       if (length < m_Chunk) break;  // the end of the source
       if (m_PauseMs != 0) std::this_thread::sleep_for(std::chrono::milliseconds(m_PauseMs));
@@ -181,23 +186,67 @@ class CVerifiedCopy {
         return m_Result;
       }
     }
-    if (::fsync(m_Target) != 0) {
-      Fail(WriteOutcome(errno), Errno("cannot sync the copy"));
-      return m_Result;
-    }
-    for (std::uint64_t k = m_Chunks > m_Window ? m_Chunks - m_Window : 0; k < m_Chunks; ++k) {
-      if (!Verify(k)) return m_Result;
-    }
+    if (!Finish()) return m_Result;
     m_Result.m_Sha256 = m_Hasher.Final(m_Chunks);
     m_Result.m_Outcome = CopyOutcome::kDone;
     m_Result.m_Bytes = m_Bytes;
-    m_Result.m_FromDevice = m_ReadBack >= 0;
+    m_Result.m_FromDevice = FromDevice();
     return m_Result;
   }
 
+ protected:
+  // Before a buffer of the ring is filled again (once the ring is full).
+  virtual bool Prepare() = 0;
+  // Writes (and may verify) the chunk in data, length bytes at m_Bytes, of
+  // ring slot slot; it is already posted for digesting.
+  virtual bool Store(unsigned char* data, std::size_t length, std::size_t slot) = 0;
+  // After the last chunk: the write-out and what is left to verify.
+  virtual bool Finish() = 0;
+  virtual bool FromDevice() const = 0;
+
+  // got bytes read back into m_Check at offset against the length bytes of
+  // the source that were digested.
+  bool Compare(const unsigned char* data, std::size_t length, std::size_t got,
+               std::uint64_t offset) {
+    if (got < length || std::memcmp(m_Check.get(), data, length) != 0) {
+      return Fail(CopyOutcome::kMismatch,
+                  "the copy read back differs from the source at offset " + std::to_string(offset));
+    }
+    return true;
+  }
+  bool SyncTarget() {
+    if (::fsync(m_Target) == 0) return true;
+    return Fail(WriteOutcome(errno), Errno("cannot sync the copy"));
+  }
+  // Records the failure; false, for the caller to return.
+  bool Fail(CopyOutcome outcome, const std::string& why) {
+    m_Result.m_Outcome = outcome;
+    m_Result.m_Why = why;
+    m_Result.m_Bytes = m_Bytes;
+    return false;
+  }
+  static std::string Errno(const char* what) {
+    return std::string(what) + ": " + std::strerror(errno);
+  }
+
+  const int m_Source;
+  const int m_Target;
+  const std::size_t m_Chunk;
+  const unsigned int m_Window;
+  const unsigned int m_PauseMs;  // a rest after every chunk (a slow disk, in tests)
+  std::vector<CBuffer> m_Ring;
+  CBuffer m_Check;             // a chunk read back
+  std::uint64_t m_Chunks = 0;  // chunks written
+  std::uint64_t m_Bytes = 0;   // bytes written
+  CCopyResult m_Result;
+  // Last: destroyed first, so that it stops reading the buffers above
+  // before they go.
+  CHasher m_Hasher;
+
  private:
-  // Reads, posts for digesting and writes the next chunk; length 0 at the end.
-  bool CopyChunk(std::size_t& length) {
+  // Reads the next chunk into its ring slot, posts it for digesting and
+  // stores it; length 0 at the end.
+  bool NextChunk(std::size_t& length) {
     const std::size_t slot = static_cast<std::size_t>(m_Chunks % m_Window);
     if (!m_Ring[slot]) m_Ring[slot] = Allocate(m_Chunk);
     unsigned char* data = m_Ring[slot].get();
@@ -206,6 +255,31 @@ class CVerifiedCopy {
     }
     if (length == 0) return true;
     m_Hasher.Post(data, length);
+    if (!Store(data, length, slot)) return false;
+    m_Bytes += length;
+    ++m_Chunks;
+    return true;
+  }
+};
+
+// The copy through the page cache: buffered writes with an early start of
+// their write-out, each chunk read back a window later (from the page
+// cache, or from the device where readBack is a direct-I/O descriptor).
+class CVerifiedCopy final : public CChunkedCopy {
+ public:
+  CVerifiedCopy(int source, int target, int readBack, const CCopySettings& settings)
+      : CChunkedCopy(source, target, settings.m_ChunkBytes, settings.m_Window, settings.m_PauseMs),
+        m_ReadBack(readBack),
+        m_Lengths(m_Window, 0) {}
+
+ private:
+  bool Prepare() override {
+    if (!Verify(m_Chunks - m_Window)) return false;
+    m_Hasher.WaitDigested(m_Chunks - m_Window + 1);
+    return true;
+  }
+
+  bool Store(unsigned char* data, std::size_t length, std::size_t slot) override {
     if (!WriteFull(m_Target, data, length, m_Bytes)) {
       return Fail(WriteOutcome(errno), Errno("cannot write the copy"));
     }
@@ -214,10 +288,18 @@ class CVerifiedCopy {
     ::sync_file_range(m_Target, static_cast<off_t>(m_Bytes), static_cast<off_t>(length),
                       SYNC_FILE_RANGE_WRITE);
     m_Lengths[slot] = length;
-    m_Bytes += length;
-    ++m_Chunks;
     return true;
   }
+
+  bool Finish() override {
+    if (!SyncTarget()) return false;
+    for (std::uint64_t k = m_Chunks > m_Window ? m_Chunks - m_Window : 0; k < m_Chunks; ++k) {
+      if (!Verify(k)) return false;
+    }
+    return true;
+  }
+
+  bool FromDevice() const override { return m_ReadBack >= 0; }
 
   // Reads chunk k back and compares it with the bytes that were digested.
   // From the device: after waiting for the chunk's write-out, with direct
@@ -236,11 +318,7 @@ class CVerifiedCopy {
     if (!ReadBack(offset, length, got)) {
       return Fail(CopyOutcome::kWriteFailed, Errno("cannot read the copy back"));
     }
-    if (got != length || std::memcmp(m_Check.get(), m_Ring[slot].get(), length) != 0) {
-      return Fail(CopyOutcome::kMismatch,
-                  "the copy read back differs from the source at offset " + std::to_string(offset));
-    }
-    return true;
+    return Compare(m_Ring[slot].get(), length, got, static_cast<std::uint64_t>(offset));
   }
 
   bool ReadBack(off_t offset, std::size_t length, std::size_t& got) {
@@ -261,32 +339,8 @@ class CVerifiedCopy {
     return ReadFull(m_Target, m_Check.get(), length, static_cast<std::uint64_t>(offset), got);
   }
 
-  // Records the failure; false, for the caller to return.
-  bool Fail(CopyOutcome outcome, const std::string& why) {
-    m_Result.m_Outcome = outcome;
-    m_Result.m_Why = why;
-    m_Result.m_Bytes = m_Bytes;
-    return false;
-  }
-  static std::string Errno(const char* what) {
-    return std::string(what) + ": " + std::strerror(errno);
-  }
-
-  const int m_Source;
-  const int m_Target;
   int m_ReadBack;
-  const std::size_t m_Chunk;
-  const unsigned int m_Window;
-  const unsigned int m_PauseMs;
-  std::vector<CBuffer> m_Ring;
   std::vector<std::size_t> m_Lengths;
-  CBuffer m_Check;
-  std::uint64_t m_Chunks = 0;  // chunks written
-  std::uint64_t m_Bytes = 0;   // bytes written
-  CCopyResult m_Result;
-  // Last: destroyed first, so that it stops reading the buffers above
-  // before they go.
-  CHasher m_Hasher;
 };
 
 // The copy with direct I/O both ways: each chunk is read from the source
@@ -296,62 +350,20 @@ class CVerifiedCopy {
 // the later writes, was no faster: the device shares its bandwidth). There
 // is no copy into the page cache, which for a large file costs the copying
 // thread more CPU than the digest costs the other.
-class CDirectCopy {
+class CDirectCopy final : public CChunkedCopy {
  public:
   CDirectCopy(int source, int target, int readBack, const CCopySettings& settings)
-      : m_Source(source),
-        m_Target(target),
-        m_Chunk(RoundUp(std::max<std::size_t>(settings.m_DirectChunkBytes, 1))),
-        m_Window(std::max(settings.m_DirectWindow, 1u)),
-        m_PauseMs(settings.m_PauseMs),
-        m_ReadBack(readBack),
-        m_Ring(m_Window),
-        m_Check(Allocate(m_Chunk)) {}
-
-  CCopyResult Run(const std::function<bool()>& stop, CCopyProgress* progress) {
-    ::posix_fadvise(m_Source, 0, 0, POSIX_FADV_SEQUENTIAL);
-    for (;;) {
-      if (m_Chunks >= m_Window) m_Hasher.WaitDigested(m_Chunks - m_Window + 1);
-      std::size_t length = 0;
-      if (!CopyChunk(length)) return m_Result;
-      if (progress != nullptr) progress->m_Copied.store(m_Bytes, std::memory_order_relaxed);
-      if (length < m_Chunk) break;  // the end of the source
-      if (m_PauseMs != 0) std::this_thread::sleep_for(std::chrono::milliseconds(m_PauseMs));
-      if (stop && stop()) {
-        Fail(CopyOutcome::kStopped, "stopped");
-        return m_Result;
-      }
-    }
-    m_Hasher.WaitDigested(m_Chunks);
-    // The last chunk went out padded to whole blocks; cut the padding off
-    // before the file is synced.
-    if (::ftruncate(m_Target, static_cast<off_t>(m_Bytes)) != 0) {
-      Fail(WriteOutcome(errno), Errno("cannot set the size of the copy"));
-      return m_Result;
-    }
-    if (::fsync(m_Target) != 0) {
-      Fail(WriteOutcome(errno), Errno("cannot sync the copy"));
-      return m_Result;
-    }
-    m_Result.m_Sha256 = m_Hasher.Final(m_Chunks);
-    m_Result.m_Outcome = CopyOutcome::kDone;
-    m_Result.m_Bytes = m_Bytes;
-    m_Result.m_FromDevice = true;
-    return m_Result;
-  }
+      : CChunkedCopy(source, target, settings.m_DirectChunkBytes, settings.m_DirectWindow,
+                     settings.m_PauseMs),
+        m_ReadBack(readBack) {}
 
  private:
-  // Reads, posts for digesting, writes and reads back the next chunk;
-  // length 0 at the end.
-  bool CopyChunk(std::size_t& length) {
-    const std::size_t slot = static_cast<std::size_t>(m_Chunks % m_Window);
-    if (!m_Ring[slot]) m_Ring[slot] = Allocate(m_Chunk);
-    unsigned char* data = m_Ring[slot].get();
-    if (!ReadFull(m_Source, data, m_Chunk, m_Bytes, length)) {
-      return Fail(CopyOutcome::kReadFailed, Errno("cannot read the source"));
-    }
-    if (length == 0) return true;
-    m_Hasher.Post(data, length);
+  bool Prepare() override {
+    m_Hasher.WaitDigested(m_Chunks - m_Window + 1);
+    return true;
+  }
+
+  bool Store(unsigned char* data, std::size_t length, std::size_t) override {
     // Direct writes take whole blocks: the last one is padded with zeros
     // (cut off again before the final sync).
     const std::size_t aligned = RoundUp(length);
@@ -359,11 +371,20 @@ class CDirectCopy {
     if (!WriteDirect(data, aligned, m_Bytes)) {
       return Fail(WriteOutcome(errno), Errno("cannot write the copy"));
     }
-    if (!Verify(data, length, m_Bytes)) return false;
-    m_Bytes += length;
-    ++m_Chunks;
-    return true;
+    return Verify(data, length, m_Bytes);
   }
+
+  bool Finish() override {
+    m_Hasher.WaitDigested(m_Chunks);
+    // The last chunk went out padded to whole blocks; cut the padding off
+    // before the file is synced.
+    if (::ftruncate(m_Target, static_cast<off_t>(m_Bytes)) != 0) {
+      return Fail(WriteOutcome(errno), Errno("cannot set the size of the copy"));
+    }
+    return SyncTarget();
+  }
+
+  bool FromDevice() const override { return true; }
 
   // Reads the chunk just written back from the device and compares it with
   // the bytes that were digested. One read: a direct read returns the whole
@@ -375,11 +396,7 @@ class CDirectCopy {
       done = ::pread(m_ReadBack, m_Check.get(), RoundUp(length), static_cast<off_t>(offset));
     } while (done < 0 && errno == EINTR);
     if (done < 0) return Fail(CopyOutcome::kWriteFailed, Errno("cannot read the copy back"));
-    if (static_cast<std::size_t>(done) < length || std::memcmp(m_Check.get(), data, length) != 0) {
-      return Fail(CopyOutcome::kMismatch,
-                  "the copy read back differs from the source at offset " + std::to_string(offset));
-    }
-    return true;
+    return Compare(data, length, static_cast<std::size_t>(done), offset);
   }
 
   // A direct write may come back short (a full disk); the rest is retried
@@ -400,30 +417,7 @@ class CDirectCopy {
     return true;
   }
 
-  bool Fail(CopyOutcome outcome, const std::string& why) {
-    m_Result.m_Outcome = outcome;
-    m_Result.m_Why = why;
-    m_Result.m_Bytes = m_Bytes;
-    return false;
-  }
-  static std::string Errno(const char* what) {
-    return std::string(what) + ": " + std::strerror(errno);
-  }
-
-  const int m_Source;
-  const int m_Target;
-  const std::size_t m_Chunk;
-  const unsigned int m_Window;
-  const unsigned int m_PauseMs;
   const int m_ReadBack;
-  std::vector<CBuffer> m_Ring;
-  CBuffer m_Check;
-  std::uint64_t m_Chunks = 0;  // chunks written
-  std::uint64_t m_Bytes = 0;   // bytes written
-  CCopyResult m_Result;
-  // Last: destroyed first, so that it stops reading the buffers above
-  // before they go.
-  CHasher m_Hasher;
 };
 
 }  // namespace
