@@ -10,7 +10,7 @@
 // pgrep -x of the same name.
 // Figure 9: em-host serve's peak resident size after 10^4 and 10^6 queries.
 #include "bench/BenchSupport.h"
-#include "host/emhost/HostSwitch.h"
+#include "host/emhost/switch/HostSwitch.h"
 #include "message/SipJson.h"
 
 #include <benchmark/benchmark.h>

@@ -2,7 +2,7 @@
 // real child processes (fake Korvex tools written into a temporary tool
 // root, and the demo tool), driven through pipes.
 #include "frame/HostServices.h"
-#include "host/emhost/Sha256.h"
+#include "host/emhost/bmc/Sha256.h"
 #include "tests/emhost/EmHostProcess.h"
 #include "tests/support/TempFiles.h"
 

@@ -1,7 +1,7 @@
 // Tests of the BMC stand-in that need root: a BMC directory on a small
 // tmpfs, to see the free-space check and a full file system. They skip
 // themselves without root or where tmpfs cannot be mounted.
-#include "host/emhost/BmcFileTransfer.h"
+#include "host/emhost/bmc/BmcFileTransfer.h"
 #include "tests/support/TempFiles.h"
 
 #include <gtest/gtest.h>

@@ -3,13 +3,13 @@
 // follows "TO", the cancel when em-host stops the module, the progress
 // text, the default "TO" of the command line, and serve's bookkeeping of
 // requests that may still be answered.
-#include "host/emhost/BmcFileTransfer.h"
-#include "host/emhost/CopyEngine.h"
-#include "host/emhost/HostSwitch.h"
-#include "host/emhost/Options.h"
-#include "host/emhost/PendingRequests.h"
-#include "host/emhost/ProgressText.h"
-#include "host/emhost/Sha256.h"
+#include "host/emhost/bmc/BmcFileTransfer.h"
+#include "host/emhost/bmc/CopyEngine.h"
+#include "host/emhost/switch/HostSwitch.h"
+#include "host/emhost/cli/Options.h"
+#include "host/emhost/serve/PendingRequests.h"
+#include "host/emhost/cli/ProgressText.h"
+#include "host/emhost/bmc/Sha256.h"
 #include "message/SipJson.h"
 #include "tests/emhost/TransferRequests.h"
 #include "tests/support/TempFiles.h"

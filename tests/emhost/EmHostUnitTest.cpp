@@ -2,11 +2,11 @@
 // switch's tags and routing, the option parser, the status texts and the
 // SHA-256 wrapper.
 #include "frame/ExtensionModule.h"
-#include "host/emhost/BmcFileTransfer.h"
-#include "host/emhost/HostSwitch.h"
-#include "host/emhost/Options.h"
-#include "host/emhost/Sha256.h"
-#include "host/emhost/StatusText.h"
+#include "host/emhost/bmc/BmcFileTransfer.h"
+#include "host/emhost/switch/HostSwitch.h"
+#include "host/emhost/cli/Options.h"
+#include "host/emhost/bmc/Sha256.h"
+#include "host/emhost/cli/StatusText.h"
 #include "message/SipJson.h"
 #include "tests/emhost/TransferRequests.h"
 #include "tests/support/TempFiles.h"

@@ -2,7 +2,7 @@
 // with: a 0xF052 request as the module builds it, and the SHA-256 of bytes.
 #pragma once
 
-#include "host/emhost/Sha256.h"
+#include "host/emhost/bmc/Sha256.h"
 #include "message/SipJson.h"
 
 #include <gtest/gtest.h>

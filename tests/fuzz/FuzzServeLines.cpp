@@ -11,10 +11,10 @@
 // descriptor, the output goes to /dev/null.
 #include "frame/ExtensionModule.h"
 #include "host/HostControl.h"
-#include "host/emhost/HostSwitch.h"
-#include "host/emhost/ModuleHost.h"
-#include "host/emhost/ServeSession.h"
-#include "host/emhost/Signals.h"
+#include "host/emhost/switch/HostSwitch.h"
+#include "host/emhost/loader/ModuleHost.h"
+#include "host/emhost/serve/ServeSession.h"
+#include "host/emhost/serve/Signals.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -4,8 +4,8 @@
 // symbolic link planted in the BMC directory. Checked on the file-transfer
 // module alone and end to end through em-host and the module, against a
 // snapshot of the whole area around the BMC directory.
-#include "host/emhost/BmcFileTransfer.h"
-#include "host/emhost/HostSwitch.h"
+#include "host/emhost/bmc/BmcFileTransfer.h"
+#include "host/emhost/switch/HostSwitch.h"
 #include "message/SipJson.h"
 #include "tests/hardening/HardeningSupport.h"
 

@@ -1,6 +1,6 @@
 // The stand-in BMC file-transfer module: request parsing, name checks and
 // the verified, all-or-nothing copy into the BMC directory.
-#include "host/emhost/BmcFileTransfer.h"
+#include "host/emhost/bmc/BmcFileTransfer.h"
 
 #include "message/SipJson.h"
 

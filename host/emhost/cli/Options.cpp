@@ -1,5 +1,5 @@
 // Parsing of em-host's command line.
-#include "host/emhost/Options.h"
+#include "host/emhost/cli/Options.h"
 
 #include <algorithm>
 #include <cerrno>

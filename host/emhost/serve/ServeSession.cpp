@@ -1,12 +1,12 @@
 // em-host serve: reading JSON lines, driving the module, writing events.
-#include "host/emhost/ServeSession.h"
+#include "host/emhost/serve/ServeSession.h"
 
 #include "frame/ExtensionModule.h"
-#include "host/emhost/EmHost.h"
-#include "host/emhost/JsonText.h"
-#include "host/emhost/ModuleHost.h"
-#include "host/emhost/Signals.h"
-#include "host/emhost/Utf8Check.h"
+#include "host/emhost/cli/EmHost.h"
+#include "host/emhost/serve/JsonText.h"
+#include "host/emhost/loader/ModuleHost.h"
+#include "host/emhost/serve/Signals.h"
+#include "host/emhost/serve/Utf8Check.h"
 #include "message/DataStruct.h"
 #include "message/SipJson.h"
 

@@ -1,5 +1,5 @@
 // What em-host tells the operator about the Korvex tool.
-#include "host/emhost/ToolReport.h"
+#include "host/emhost/cli/ToolReport.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -14,8 +14,8 @@
 // (BmcDirectory.h).
 #pragma once
 
-#include "host/emhost/BmcDirectory.h"
-#include "host/emhost/CopyEngine.h"
+#include "host/emhost/bmc/BmcDirectory.h"
+#include "host/emhost/bmc/CopyEngine.h"
 
 #include <atomic>
 #include <condition_variable>

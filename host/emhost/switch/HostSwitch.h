@@ -19,7 +19,7 @@
 #pragma once
 
 #include "frame/HostServices.h"
-#include "host/emhost/BmcFileTransfer.h"
+#include "host/emhost/bmc/BmcFileTransfer.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,7 +1,7 @@
 // Status meanings for em-host's messages.
-#include "host/emhost/StatusText.h"
+#include "host/emhost/cli/StatusText.h"
 
-#include "host/emhost/BmcFileTransfer.h"
+#include "host/emhost/bmc/BmcFileTransfer.h"
 
 std::string StatusMeaning(unsigned int status, EmJob job) {
   switch (status) {

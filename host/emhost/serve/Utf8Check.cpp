@@ -1,6 +1,6 @@
 // UTF-8 validation with RapidJSON's own decoder, the one that reads the
 // messages.
-#include "host/emhost/Utf8Check.h"
+#include "host/emhost/serve/Utf8Check.h"
 
 #include <rapidjson/encodings.h>
 #include <rapidjson/memorystream.h>

@@ -1,5 +1,5 @@
 // dlopen of the module library and the module instance's life.
-#include "host/emhost/ModuleHost.h"
+#include "host/emhost/loader/ModuleHost.h"
 
 #include <climits>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 // em-host's switch: request delivery with reply tags, the routing of 0xF052
 // to the stand-in BMC file transfer, and the hand-back of answers.
-#include "host/emhost/HostSwitch.h"
+#include "host/emhost/switch/HostSwitch.h"
 
 #include "frame/ExtensionModule.h"
 #include "message/SipJson.h"

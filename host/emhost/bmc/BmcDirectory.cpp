@@ -1,6 +1,6 @@
 // The BMC directory held open: creation, renaming and removal of its
 // entries relative to the one descriptor.
-#include "host/emhost/BmcDirectory.h"
+#include "host/emhost/bmc/BmcDirectory.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,5 +1,5 @@
 // Compact JSON writing with RapidJSON's Writer.
-#include "host/emhost/JsonText.h"
+#include "host/emhost/serve/JsonText.h"
 
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>

@@ -1,5 +1,5 @@
 // signalfd-based signal delivery for em-host's main thread.
-#include "host/emhost/Signals.h"
+#include "host/emhost/serve/Signals.h"
 
 #include <cerrno>
 #include <cstring>

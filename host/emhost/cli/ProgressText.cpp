@@ -1,5 +1,5 @@
 // Formatting of a transfer's progress.
-#include "host/emhost/ProgressText.h"
+#include "host/emhost/cli/ProgressText.h"
 
 #include <cstdio>
 

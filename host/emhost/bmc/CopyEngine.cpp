@@ -1,8 +1,8 @@
 // The verified copy: reading, digesting on a second thread, writing with an
 // early start of the write-out, and the read-back of every chunk.
-#include "host/emhost/CopyEngine.h"
+#include "host/emhost/bmc/CopyEngine.h"
 
-#include "host/emhost/Sha256.h"
+#include "host/emhost/bmc/Sha256.h"
 
 #include <algorithm>
 #include <cerrno>

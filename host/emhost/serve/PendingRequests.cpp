@@ -1,5 +1,5 @@
 // serve's bookkeeping of requests that may still be answered.
-#include "host/emhost/PendingRequests.h"
+#include "host/emhost/serve/PendingRequests.h"
 
 #include <utility>
 

@@ -1,5 +1,5 @@
 // SHA-256 through OpenSSL's EVP interface.
-#include "host/emhost/Sha256.h"
+#include "host/emhost/bmc/Sha256.h"
 
 #include <cerrno>
 #include <cstring>

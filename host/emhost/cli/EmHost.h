@@ -2,7 +2,7 @@
 // signals are blocked and the host services are set up.
 #pragma once
 
-#include "host/emhost/Options.h"
+#include "host/emhost/cli/Options.h"
 
 #include <string>
 

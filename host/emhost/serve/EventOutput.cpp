@@ -1,5 +1,5 @@
 // serve's output stream, which never blocks em-host on a stalled reader.
-#include "host/emhost/EventOutput.h"
+#include "host/emhost/serve/EventOutput.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -13,8 +13,8 @@
 //   {"event":"error","line":N,"error":TEXT}             a line refused; the session goes on
 #pragma once
 
-#include "host/emhost/HostSwitch.h"
-#include "host/emhost/PendingRequests.h"
+#include "host/emhost/switch/HostSwitch.h"
+#include "host/emhost/serve/PendingRequests.h"
 #include "message/JsonTypes.h"
 
 #include <cstdint>

@@ -2,10 +2,10 @@
 // trace sink, the configuration store, the thread monitor), blocks the
 // signals it handles, and runs one command against the loaded module.
 #include "host/HostControl.h"
-#include "host/emhost/EmHost.h"
-#include "host/emhost/Options.h"
-#include "host/emhost/Signals.h"
-#include "host/emhost/ToolReport.h"
+#include "host/emhost/cli/EmHost.h"
+#include "host/emhost/cli/Options.h"
+#include "host/emhost/serve/Signals.h"
+#include "host/emhost/cli/ToolReport.h"
 
 #include <cstdio>
 #include <exception>
