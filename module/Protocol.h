@@ -1,0 +1,64 @@
+// The facts of the request protocol shared by the module and em-host: the
+// opcodes, the statuses with their meanings, and the names of files, keys
+// and processes. The module, em-host's messages, the BMC stand-in's answers
+// and the README's status table all come from here.
+#pragma once
+
+#include <cstddef>
+
+namespace korvex {
+
+// Request opcodes of the module's family, and the HTI module's file transfer.
+constexpr unsigned int kOpcodeFamilyMask = 0xFFFFFFF0u;
+constexpr unsigned int kOpcodeFamily = 0x3400u;
+constexpr unsigned int kOpcodeIsInstalled = 0x3400u;
+constexpr unsigned int kOpcodeCreateArchive = 0x3401u;
+constexpr unsigned int kOpcodeTransferArchive = 0x3402u;
+constexpr unsigned int kOpcodeHtiFileTransfer = 0xF052u;
+constexpr unsigned int kKorvexFileType = 2;  // "FileType" of a Korvex archive
+
+// Cabinet number that addresses every cabinet.
+constexpr unsigned int kAllCabinets = 0xFFFFFFFFu;
+
+// Status values written into "ST". 7 to 12 are the file transfer's, which
+// the module passes on as the transfer's final status.
+enum Status : unsigned int {
+  kStatusDone = 0,
+  kStatusTaken = 1,  // ModuleRequest did not handle the request
+  kStatusNoArchive = 3,
+  kStatusToolRunning = 5,
+  kStatusJobFailed = 6,
+  kStatusBmcBadRequest = 7,
+  kStatusBmcNameRefused = 8,
+  kStatusBmcSourceUnreadable = 9,
+  kStatusBmcNoSpace = 10,
+  kStatusBmcTimedOut = 11,
+  kStatusBmcWriteFailed = 12,
+  kStatusException = 13,
+  kStatusOtherCabinet = 20,
+  kStatusQueued = 22,
+};
+
+// What a status means, in the words of the README's status table.
+struct StatusMeaning {
+  unsigned int m_Status;
+  const char* m_Text;
+};
+extern const StatusMeaning kStatusMeanings[];
+extern const std::size_t kStatusMeaningCount;
+// The meaning of status, nullptr for a status the protocol does not have.
+const char* MeaningOf(unsigned int status);
+
+// Setup action that cleans up the archives.
+constexpr unsigned int kSetupActionCleanup = 4;
+
+// Files, keys and processes.
+constexpr const char* kProductName = "Korvex";       // product root in the configuration store
+constexpr const char* kSetupKey = "Setup";           // key under the product root
+constexpr const char* kFileRootValue = "FileRoot";   // value: the tool's installation root
+constexpr const char* kExecutableName = "Korvex";    // the tool, in the installation root
+constexpr const char* kArchiveName = "Korvex_Data.zip";
+constexpr const char* kDataDirectory = "/var/log/Korvex";
+constexpr const char* kToolProcessName = "Korvex";
+
+}  // namespace korvex
