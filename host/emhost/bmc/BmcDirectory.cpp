@@ -37,25 +37,8 @@ std::string RandomSuffix() {
 
 }  // namespace
 
-CUniqueFd& CUniqueFd::operator=(CUniqueFd&& other) noexcept {
-  if (this != &other) Reset(other.Release());
-  return *this;
-}
-
-int CUniqueFd::Release() {
-  const int fd = m_Fd;
-  m_Fd = -1;
-  return fd;
-}
-
-int CUniqueFd::Reset(int fd) {
-  const int old = m_Fd;
-  m_Fd = fd;
-  return old >= 0 ? ::close(old) : 0;
-}
-
 CBmcDirectory::CBmcDirectory(std::string path) : m_Path(std::move(path)) {
-  m_Fd.Reset(::open(m_Path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  m_Fd.Reset(KORVEX_RETRY(::open(m_Path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
   if (!m_Fd.Valid()) m_Error = m_Path + ": " + std::strerror(errno);
 }
 
@@ -66,8 +49,8 @@ int CBmcDirectory::CreateTemp(const std::string& base, std::string& name) const 
   }
   for (int attempt = 0; attempt < kTempAttempts; ++attempt) {
     name = "." + base + "." + RandomSuffix();
-    const int fd = ::openat(m_Fd.Get(), name.c_str(),
-                            O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    const int fd = KORVEX_RETRY(::openat(m_Fd.Get(), name.c_str(),
+                                         O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (fd >= 0 || errno != EEXIST) return fd;
   }
   name.clear();
@@ -75,7 +58,7 @@ int CBmcDirectory::CreateTemp(const std::string& base, std::string& name) const 
 }
 
 int CBmcDirectory::OpenEntry(const std::string& name, int flags) const {
-  return ::openat(m_Fd.Get(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC);
+  return KORVEX_RETRY(::openat(m_Fd.Get(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC));
 }
 
 bool CBmcDirectory::Rename(const std::string& from, const std::string& to) const {
@@ -86,7 +69,7 @@ void CBmcDirectory::Remove(const std::string& name) const {
   if (Valid()) ::unlinkat(m_Fd.Get(), name.c_str(), 0);
 }
 
-bool CBmcDirectory::Sync() const { return Valid() && ::fsync(m_Fd.Get()) == 0; }
+bool CBmcDirectory::Sync() const { return Valid() && KORVEX_RETRY(::fsync(m_Fd.Get())) == 0; }
 
 bool CBmcDirectory::FreeBytes(std::uint64_t& bytes) const {
   struct statvfs space {};

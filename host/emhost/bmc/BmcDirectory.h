@@ -5,29 +5,11 @@
 // cannot send a single byte elsewhere: the path is looked up exactly once.
 #pragma once
 
+#include "util/Fd.h"
+
 #include <cstdint>
 #include <string>
-
-// A descriptor with one owner; closed once (never retried on EINTR).
-class CUniqueFd {
- public:
-  CUniqueFd() = default;
-  explicit CUniqueFd(int fd) : m_Fd(fd) {}
-  ~CUniqueFd() { Reset(); }
-  CUniqueFd(CUniqueFd&& other) noexcept : m_Fd(other.Release()) {}
-  CUniqueFd& operator=(CUniqueFd&& other) noexcept;
-  CUniqueFd(const CUniqueFd&) = delete;
-  CUniqueFd& operator=(const CUniqueFd&) = delete;
-
-  int Get() const { return m_Fd; }
-  bool Valid() const { return m_Fd >= 0; }
-  int Release();
-  // Closes the descriptor held; the result of close (0 when none was held).
-  int Reset(int fd = -1);
-
- private:
-  int m_Fd = -1;
-};
+#include <utility>
 
 class CBmcDirectory {
  public:
@@ -59,7 +41,7 @@ class CBmcDirectory {
 
  private:
   std::string m_Path;
-  CUniqueFd m_Fd;
+  korvex::CFd m_Fd;
   std::string m_Error;
 };
 
@@ -67,7 +49,8 @@ class CBmcDirectory {
 // final rename took it away).
 class CTempEntry {
  public:
-  CTempEntry(const CBmcDirectory& dir, std::string name) : m_Dir(dir), m_Name(std::move(name)) {}
+  explicit CTempEntry(const CBmcDirectory& dir, std::string name = std::string())
+      : m_Dir(dir), m_Name(std::move(name)) {}
   ~CTempEntry() {
     if (!m_Name.empty()) m_Dir.Remove(m_Name);
   }
@@ -75,6 +58,8 @@ class CTempEntry {
   CTempEntry& operator=(const CTempEntry&) = delete;
 
   const std::string& Name() const { return m_Name; }
+  // Takes charge of name (the entry held before is no longer removed).
+  void Adopt(std::string name) { m_Name = std::move(name); }
   void Keep() { m_Name.clear(); }
 
  private:

@@ -16,6 +16,8 @@
 
 #include "host/emhost/bmc/BmcDirectory.h"
 #include "host/emhost/bmc/CopyEngine.h"
+#include "module/Protocol.h"
+#include "util/Fd.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -25,24 +27,10 @@
 
 class SipJson;
 
-// Opcode of the file-transfer request and the one file type it knows.
-constexpr unsigned int kOpcodeFileTransfer = 0xF052u;
-constexpr unsigned int kFileTypeKorvexArchive = 2u;
-
-// Statuses the stand-in answers in "ST". They are chosen apart from the
-// statuses the Korvex module writes itself (0 1 3 5 6 13 20 22), because
-// the module passes them on to its requester unchanged.
-enum BmcTransferStatus : unsigned int {
-  BMC_OK = 0,            // stored, verified, checksum recorded
-  BMC_BAD_REQUEST = 7,   // "DA" is not {"FileType":2,"LocalFilePath":"...","BmcFilePath":"..."}
-  BMC_NAME_REFUSED = 8,  // "BmcFilePath" empty, absolute, ".", over 200 bytes, or holds ".." or "/"
-  BMC_SOURCE_UNREADABLE = 9,  // "LocalFilePath" is not a readable regular file (a link,
-                              // FIFO, device, socket or directory is refused unopened
-                              // or unread)
-  BMC_NO_SPACE = 10,          // not enough free space in the BMC directory
-  BMC_TIMED_OUT = 11,         // not done within the request's "TO" seconds
-  BMC_WRITE_FAILED = 12,      // the BMC directory cannot be written, or the copy did not verify
-};
+// The stand-in answers in "ST" with korvex::kStatusDone or one of the
+// korvex::kStatusBmc* statuses (module/Protocol.h). They are chosen apart
+// from the statuses the Korvex module writes itself, because the module
+// passes them on to its requester unchanged.
 
 // What one request asks for, read from its current command.
 struct CBmcTransferRequest {
@@ -62,8 +50,8 @@ struct CBmcTransferJob {
   std::condition_variable m_Done;
   bool m_Finished = false;
   bool m_Cancelled = false;
-  unsigned int m_Status = BMC_WRITE_FAILED;
-  std::string m_Message;              // not BMC_OK: what was wrong, in words
+  unsigned int m_Status = korvex::kStatusBmcWriteFailed;
+  std::string m_Message;              // not kStatusDone: what was wrong, in words
   std::string m_StoredPath;           // on success
   std::string m_Sha256;               // on success
   std::uint64_t m_Size = 0;           // on success
@@ -73,6 +61,10 @@ struct CBmcTransferJob {
   bool Cancelled() {
     std::lock_guard<std::mutex> lock(m_Mutex);
     return m_Cancelled;
+  }
+  bool Finished() {
+    std::lock_guard<std::mutex> lock(m_Mutex);
+    return m_Finished;
   }
 };
 
@@ -84,7 +76,7 @@ class CBmcFileTransfer {
 
   const std::string& BmcDir() const { return m_Dir.Path(); }
 
-  // Reads the request's current command; BMC_OK or BMC_BAD_REQUEST.
+  // Reads the request's current command; kStatusDone or kStatusBmcBadRequest.
   static unsigned int ParseRequest(const SipJson& request, CBmcTransferRequest& out);
   // Whether a BMC file name may be used: one plain name inside the BMC
   // directory, never a path that leaves it.
@@ -92,19 +84,18 @@ class CBmcFileTransfer {
 
   // Carries out one request and finishes job (status, and on success the
   // stored path, size and digest). Blocks for the whole copy; stops early,
-  // leaving nothing behind, when "TO" runs out (BMC_TIMED_OUT) or the job
+  // leaving nothing behind, when "TO" runs out (kStatusBmcTimedOut) or the job
   // is cancelled.
   void Run(const CBmcTransferRequest& request, CBmcTransferJob& job) const;
 
  private:
   unsigned int Copy(const CBmcTransferRequest& request, CBmcTransferJob& job) const;
-  unsigned int Store(const CBmcTransferRequest& request, int source, CBmcTransferJob& job,
-                     const std::function<bool()>& overdue) const;
 
   CBmcDirectory m_Dir;
   CCopySettings m_Settings;
 };
 
 // Opens path for a copy: a regular file only, never through a symbolic
-// link, and without blocking on a FIFO. -1 with why set ("... is a FIFO").
-int OpenRegularSource(const std::string& path, std::string& why);
+// link, and without blocking on a FIFO. None held, with why set ("... is a
+// FIFO"), when the file is refused or cannot be opened.
+korvex::CFd OpenRegularSource(const std::string& path, std::string& why);

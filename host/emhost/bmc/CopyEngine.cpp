@@ -3,6 +3,7 @@
 #include "host/emhost/bmc/CopyEngine.h"
 
 #include "host/emhost/bmc/Sha256.h"
+#include "util/Fd.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -115,8 +116,8 @@ bool ReadFull(int fd, unsigned char* data, std::size_t length, std::uint64_t off
               std::size_t& got) {
   got = 0;
   while (got < length) {
-    const ssize_t done = ::pread(fd, data + got, length - got, static_cast<off_t>(offset + got));
-    if (done < 0 && errno == EINTR) continue;
+    const ssize_t done =
+        KORVEX_RETRY(::pread(fd, data + got, length - got, static_cast<off_t>(offset + got)));
     if (done < 0) return false;
     if (done == 0) break;
     got += static_cast<std::size_t>(done);
@@ -133,8 +134,8 @@ bool WriteFull(int fd, const unsigned char* data, std::size_t length, std::uint6
   std::size_t put = 0;
   while (put < length) {
     const std::size_t piece = std::min(length - put, kWritePiece);
-    const ssize_t done = ::pwrite(fd, data + put, piece, static_cast<off_t>(offset + put));
-    if (done < 0 && errno == EINTR) continue;
+    const ssize_t done =
+        KORVEX_RETRY(::pwrite(fd, data + put, piece, static_cast<off_t>(offset + put)));
     if (done < 0) return false;
     put += static_cast<std::size_t>(done);
   }
@@ -215,7 +216,7 @@ class CChunkedCopy {
     return true;
   }
   bool SyncTarget() {
-    if (::fsync(m_Target) == 0) return true;
+    if (KORVEX_RETRY(::fsync(m_Target)) == 0) return true;
     return Fail(WriteOutcome(errno), Errno("cannot sync the copy"));
   }
   // Records the failure; false, for the caller to return.
@@ -325,10 +326,8 @@ class CVerifiedCopy final : public CChunkedCopy {
     if (m_ReadBack >= 0) {
       // One call: a direct read returns the whole aligned range up to the
       // end of the file, and a second call would start at an unaligned offset.
-      ssize_t done;
-      do {
-        done = ::pread(m_ReadBack, m_Check.get(), RoundUp(length), offset);
-      } while (done < 0 && errno == EINTR);
+      const ssize_t done =
+          KORVEX_RETRY(::pread(m_ReadBack, m_Check.get(), RoundUp(length), offset));
       if (done >= 0) {
         got = static_cast<std::size_t>(done);
         return true;
@@ -391,10 +390,8 @@ class CDirectCopy final : public CChunkedCopy {
   // aligned range up to the end of the file, and a second call would start
   // at an unaligned offset.
   bool Verify(const unsigned char* data, std::size_t length, std::uint64_t offset) {
-    ssize_t done;
-    do {
-      done = ::pread(m_ReadBack, m_Check.get(), RoundUp(length), static_cast<off_t>(offset));
-    } while (done < 0 && errno == EINTR);
+    const ssize_t done = KORVEX_RETRY(
+        ::pread(m_ReadBack, m_Check.get(), RoundUp(length), static_cast<off_t>(offset)));
     if (done < 0) return Fail(CopyOutcome::kWriteFailed, Errno("cannot read the copy back"));
     return Compare(data, length, static_cast<std::size_t>(done), offset);
   }
@@ -404,9 +401,8 @@ class CDirectCopy final : public CChunkedCopy {
   bool WriteDirect(const unsigned char* data, std::size_t length, std::uint64_t offset) {
     std::size_t put = 0;
     while (put < length) {
-      const ssize_t done =
-          ::pwrite(m_Target, data + put, length - put, static_cast<off_t>(offset + put));
-      if (done < 0 && errno == EINTR) continue;
+      const ssize_t done = KORVEX_RETRY(
+          ::pwrite(m_Target, data + put, length - put, static_cast<off_t>(offset + put)));
       if (done < 0) return false;
       if (done == 0 || static_cast<std::size_t>(done) % kAlign != 0) {
         errno = ENOSPC;

@@ -1,6 +1,8 @@
 // SHA-256 through OpenSSL's EVP interface.
 #include "host/emhost/bmc/Sha256.h"
 
+#include "util/Fd.h"
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -40,8 +42,8 @@ std::string CSha256::FinalHex() {
 }
 
 bool Sha256OfFile(const std::string& path, std::string& hex, std::string* error) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
+  const korvex::CFd fd(KORVEX_RETRY(::open(path.c_str(), O_RDONLY | O_CLOEXEC)));
+  if (!fd.Valid()) {
     if (error != nullptr) *error = path + ": " + std::strerror(errno);
     return false;
   }
@@ -49,17 +51,14 @@ bool Sha256OfFile(const std::string& path, std::string& hex, std::string* error)
   static constexpr std::size_t kChunk = 1u << 16;
   std::string buffer(kChunk, '\0');
   for (;;) {
-    const ssize_t got = ::read(fd, &buffer[0], kChunk);
+    const ssize_t got = KORVEX_RETRY(::read(fd.Get(), &buffer[0], kChunk));
     if (got < 0) {
-      if (errno == EINTR) continue;
       if (error != nullptr) *error = path + ": " + std::strerror(errno);
-      ::close(fd);
       return false;
     }
     if (got == 0) break;
     digest.Update(buffer.data(), static_cast<std::size_t>(got));
   }
-  ::close(fd);
   hex = digest.FinalHex();
   return true;
 }

@@ -3,6 +3,7 @@
 #include "frame/ExtensionModule.h"
 #include "host/HostControl.h"
 #include "host/emhost/cli/EmHost.h"
+#include "host/emhost/bmc/HtiStandIn.h"
 #include "host/emhost/serve/EventOutput.h"
 #include "host/emhost/switch/HostSwitch.h"
 #include "host/emhost/loader/ModuleHost.h"
@@ -119,8 +120,7 @@ struct CReply {
   std::string m_Json;
 };
 
-// Collects the switch's events for a command: the replies by request tag,
-// and the last copy the BMC stand-in made.
+// Collects the switch's replies for a command, by request tag.
 class CCommandListener : public CISwitchListener {
  public:
   CCommandListener() : m_WakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
@@ -140,20 +140,6 @@ class CCommandListener : public CISwitchListener {
       // Only fails when the counter is full; the reader wakes anyway.
     }
   }
-  void OnTransfer(SipJson& /*request*/) override {}
-  void OnTransferDone(const CBmcTransferJob& job) override {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    m_TransferMessage = job.m_Message;
-    if (job.m_Status == BMC_OK) {
-      m_StoredPath = job.m_StoredPath;
-      m_StoredSha256 = job.m_Sha256;
-    }
-  }
-  // What the file transfer said about its last answer ("" when nothing).
-  std::string TransferMessage() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    return m_TransferMessage;
-  }
 
   bool TakeReply(std::uint64_t tag, CReply& out) {
     std::lock_guard<std::mutex> lock(m_Mutex);
@@ -162,11 +148,6 @@ class CCommandListener : public CISwitchListener {
     out = found->second;
     m_Replies.erase(found);
     return true;
-  }
-  // The digest recorded for path by the last verified copy, if any.
-  std::string StoredSha256(const std::string& path) {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    return path == m_StoredPath ? m_StoredSha256 : std::string();
   }
   int WakeFd() const { return m_WakeFd; }
   void Drain() {
@@ -180,9 +161,6 @@ class CCommandListener : public CISwitchListener {
   int m_WakeFd;
   std::mutex m_Mutex;
   std::map<std::uint64_t, CReply> m_Replies;
-  std::string m_StoredPath;
-  std::string m_StoredSha256;
-  std::string m_TransferMessage;
 };
 
 // One run of a command: the loaded module, the switch and the instance.
@@ -191,8 +169,10 @@ class CHostRun {
   CHostRun(const CEmHostOptions& options, CSignalWatch& signals)
       : m_Options(options),
         m_Signals(signals),
-        m_Switch(options.m_ServiceType, options.m_Hti, options.m_BmcDir),
+        m_StandIn(options.m_Hti, options.m_BmcDir),
+        m_Switch(options.m_ServiceType),
         m_Instance(m_Library) {
+    m_StandIn.RegisterWith(m_Switch);
     m_Switch.SetListener(&m_Listener);
   }
   ~CHostRun() {
@@ -203,7 +183,7 @@ class CHostRun {
   // A copy in flight is cancelled first (it never appears), then the module
   // is stopped, which ends a running tool.
   void StopModule() {
-    m_Switch.StopTransfers();
+    m_Switch.StopHandlers();
     m_Instance.StopAndDelete();
   }
 
@@ -338,6 +318,7 @@ class CHostRun {
   CSignalWatch& m_Signals;
   CModuleLibrary m_Library;
   CCommandListener m_Listener;
+  CHtiStandIn m_StandIn;  // outlives the switch's use of its handler
   CHostSwitch m_Switch;
   CModuleInstance m_Instance;
   std::string m_ModuleName;
@@ -481,7 +462,7 @@ int TransferArchive(CHostRun& run, const std::string& what, unsigned int timeout
     int signo = 0;
     const auto detail = [&run](double seconds) {
       CTransferProgress copy;
-      if (!run.m_Switch.TransferProgress(copy)) return std::string();
+      if (!run.m_StandIn.TransferProgress(copy)) return std::string();
       return TransferProgressText(copy.m_Copied, copy.m_Total, seconds);
     };
     switch (run.Await(tag, guard, progress, what + ": transferring", reply, signo, detail)) {
@@ -498,14 +479,14 @@ int TransferArchive(CHostRun& run, const std::string& what, unsigned int timeout
   progress.State(what + ": transfer finished after " + Seconds(done.m_Seconds) + ", status " +
                  std::to_string(status));
   if (status != 0) {
-    const std::string why = run.m_Listener.TransferMessage();
+    const std::string why = run.m_StandIn.TransferMessage();
     Complain(what + ": " + StatusLine(status, EmJob::kTransfer) + (why.empty() ? "" : ": " + why));
     return kExitStatus;
   }
   done.m_Destination = run.m_Options.m_BmcDir + "/" + name;
   done.m_Present = FileSize(done.m_Destination, done.m_Size);
   if (done.m_Present) {
-    done.m_Sha256 = run.m_Listener.StoredSha256(done.m_Destination);
+    done.m_Sha256 = run.m_StandIn.StoredSha256(done.m_Destination);
     if (done.m_Sha256.empty()) Sha256OfFile(done.m_Destination, done.m_Sha256, nullptr);
   }
   return -1;

@@ -1,7 +1,7 @@
 // em-host's command line: global options, one command and its arguments.
 #pragma once
 
-#include "host/emhost/switch/HostSwitch.h"
+#include "host/emhost/bmc/HtiStandIn.h"
 
 #include <string>
 #include <vector>

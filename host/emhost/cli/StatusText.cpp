@@ -1,7 +1,7 @@
 // Status meanings for em-host's messages.
 #include "host/emhost/cli/StatusText.h"
 
-#include "host/emhost/bmc/BmcFileTransfer.h"
+#include "module/Protocol.h"
 
 std::string StatusMeaning(unsigned int status, EmJob job) {
   switch (status) {
@@ -22,17 +22,17 @@ std::string StatusMeaning(unsigned int status, EmJob job) {
         return "the transfer was not started (the switch is shutting down, or no switch)";
       }
       return "the job could not be done";
-    case BMC_BAD_REQUEST:
+    case korvex::kStatusBmcBadRequest:
       return "the BMC refused the file-transfer request as malformed";
-    case BMC_NAME_REFUSED:
+    case korvex::kStatusBmcNameRefused:
       return "the BMC refused the file name (empty, absolute, or containing \"..\" or \"/\")";
-    case BMC_SOURCE_UNREADABLE:
+    case korvex::kStatusBmcSourceUnreadable:
       return "the BMC could not read the archive";
-    case BMC_NO_SPACE:
+    case korvex::kStatusBmcNoSpace:
       return "the BMC directory has not enough free space";
-    case BMC_TIMED_OUT:
+    case korvex::kStatusBmcTimedOut:
       return "the BMC transfer did not finish within its time limit";
-    case BMC_WRITE_FAILED:
+    case korvex::kStatusBmcWriteFailed:
       return "the BMC could not store the file (directory missing or not writable, or the copy "
              "did not verify)";
     case 13:

@@ -9,6 +9,7 @@
 #include "host/emhost/serve/Utf8Check.h"
 #include "message/DataStruct.h"
 #include "message/SipJson.h"
+#include "module/Protocol.h"
 
 #include <cerrno>
 #include <chrono>
@@ -141,7 +142,7 @@ void CServeSession::Finish() {
   // Nothing is waited for any more; a reply that the worker still sends
   // while it is being stopped is written like any other. A copy to the BMC
   // still in flight is cancelled first: it never appears.
-  m_Switch.StopTransfers();
+  m_Switch.StopHandlers();
   m_Instance.StopAndDelete();
   m_Pending.DropAll();
 }
@@ -264,11 +265,11 @@ CServeSession::LineResult CServeSession::HandleControl(const JsonValue& line,
   LineResult next = LineResult::kGoOn;
   try {
     if (name == "start") {
-      m_Switch.AllowTransfers();
+      m_Switch.AllowHandlers();
       result = m_Instance.Start(&m_Switch, kKorvexModuleId);
     } else if (name == "stop") {
       // A copy in flight is cancelled first; after Stop no reply comes.
-      m_Switch.StopTransfers();
+      m_Switch.StopHandlers();
       result = m_Instance.Stop();
       m_Pending.DropAll();
     } else if (name == "notify") {
@@ -343,7 +344,8 @@ void CServeSession::OnReply(std::uint64_t tag, SipJson& message) {
   }
 }
 
-void CServeSession::OnTransfer(SipJson& request) {
+void CServeSession::OnRouted(unsigned int opcode, SipJson& request) {
+  if (opcode != korvex::kOpcodeHtiFileTransfer) return;
   Emit("{\"event\":\"transfer\",\"message\":" + request.ToJson() + "}");
 }
 

@@ -52,7 +52,7 @@ class CServeSession : public CISwitchListener {
   int Run();
 
   void OnReply(std::uint64_t tag, SipJson& message) override;
-  void OnTransfer(SipJson& request) override;
+  void OnRouted(unsigned int opcode, SipJson& request) override;
 
   // Requests remembered because their reply may still come.
   std::size_t PendingRequests() { return m_Pending.Size(); }
