@@ -10,6 +10,7 @@
 // pgrep -x of the same name.
 // Figure 9: em-host serve's peak resident size after 10^4 and 10^6 queries.
 #include "bench/BenchSupport.h"
+#include "host/emhost/bmc/HtiStandIn.h"
 #include "host/emhost/switch/HostSwitch.h"
 #include "message/SipJson.h"
 
@@ -103,7 +104,9 @@ void BM_Transfer(benchmark::State& state) {
   if (!MakeSource(source, size)) return kb::Fail(state, "cannot write the source file");
   for (auto _ : state) {
     std::vector<double> ours, oursCpu, cpSync, cpSyncCpu, cpSha, cpShaCpu;
-    CHostSwitch hostSwitch(5, CHtiMode{}, bmc);
+    CHtiStandIn standIn(CHtiMode{}, bmc);
+    CHostSwitch hostSwitch(5);
+    standIn.RegisterWith(hostSwitch);
     const std::string dst = bmc + "/copy.zip";
     auto cpSyncRun = [&] {
       double w = 0, c = 0;

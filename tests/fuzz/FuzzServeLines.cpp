@@ -11,6 +11,7 @@
 // descriptor, the output goes to /dev/null.
 #include "frame/ExtensionModule.h"
 #include "host/HostControl.h"
+#include "host/emhost/bmc/HtiStandIn.h"
 #include "host/emhost/switch/HostSwitch.h"
 #include "host/emhost/loader/ModuleHost.h"
 #include "host/emhost/serve/ServeSession.h"
@@ -81,7 +82,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   CModuleInstance instance(library);
   std::string error;
   if (!instance.Create(&error)) std::abort();
-  CHostSwitch hostSwitch(5, CHtiMode{}, "/nonexistent-bmc");
+  CHtiStandIn standIn(CHtiMode{}, "/nonexistent-bmc");
+  CHostSwitch hostSwitch(5);
+  standIn.RegisterWith(hostSwitch);
   {
     CServeSession session(library, instance, hostSwitch, *g_Signals, input, g_Output);
     if (session.Run() != 0) std::abort();  // no signal ever comes

@@ -5,6 +5,7 @@
 // module alone and end to end through em-host and the module, against a
 // snapshot of the whole area around the BMC directory.
 #include "host/emhost/bmc/BmcFileTransfer.h"
+#include "host/emhost/bmc/HtiStandIn.h"
 #include "host/emhost/switch/HostSwitch.h"
 #include "message/SipJson.h"
 #include "tests/hardening/HardeningSupport.h"
@@ -122,7 +123,7 @@ class BmcPath : public ::testing::Test {
 unsigned int RunTransfer(CBmcFileTransfer& transfer, const std::string& source,
                          const std::string& name) {
   CBmcTransferRequest request;
-  request.m_FileType = kFileTypeKorvexArchive;
+  request.m_FileType = korvex::kKorvexFileType;
   request.m_LocalPath = source;
   request.m_BmcName = name;
   request.m_TimeoutSec = 30;
@@ -136,7 +137,7 @@ TEST_F(BmcPath, FileTransferAloneRefusesEveryNameThatLeavesTheDirectory) {
   CBmcFileTransfer transfer(m_Bmc);
   for (const std::string& name : RefusedNames()) {
     EXPECT_FALSE(CBmcFileTransfer::NameAcceptable(name)) << name.substr(0, 60);
-    EXPECT_EQ(static_cast<unsigned int>(BMC_NAME_REFUSED), RunTransfer(transfer, m_Source, name))
+    EXPECT_EQ(static_cast<unsigned int>(korvex::kStatusBmcNameRefused), RunTransfer(transfer, m_Source, name))
         << name.substr(0, 60);
   }
   ExpectOnlyBmcChanged(before, {});
@@ -148,7 +149,7 @@ TEST_F(BmcPath, FileTransferAloneStoresAcceptedNamesInsideTheDirectoryOnly) {
   CBmcFileTransfer transfer(m_Bmc);
   std::set<std::string> stored;
   for (const std::string& name : AcceptedNames()) {
-    ASSERT_EQ(static_cast<unsigned int>(BMC_OK), RunTransfer(transfer, m_Source, name)) << name;
+    ASSERT_EQ(static_cast<unsigned int>(korvex::kStatusDone), RunTransfer(transfer, m_Source, name)) << name;
     stored.insert(name);
     EXPECT_EQ(kArchive, ReadFile(m_Bmc + "/" + name)) << name;
   }
@@ -220,19 +221,19 @@ TEST_F(BmcPath, ThroughTheModuleNoNameLeavesTheDirectory) {
     // empty name is not refused by the module but by the file transfer.
     const std::string handed = name.substr(0, name.find('\0'));
     if (CBmcFileTransfer::NameAcceptable(handed)) continue;  // "ok" of "ok\0/../.."
-    cases.push_back({JsonText(name), BMC_NAME_REFUSED, ""});
-    cases.push_back({RawBlock(name + std::string(1, '\0')), BMC_NAME_REFUSED, ""});
+    cases.push_back({JsonText(name), korvex::kStatusBmcNameRefused, ""});
+    cases.push_back({RawBlock(name + std::string(1, '\0')), korvex::kStatusBmcNameRefused, ""});
   }
   // A NUL inside the block ends the name: what follows it is never used.
   cases.push_back(
-      {RawBlock(std::string("raw-ok.zip\0../outside/", 22) + m_Marker), BMC_OK, "raw-ok.zip"});
+      {RawBlock(std::string("raw-ok.zip\0../outside/", 22) + m_Marker), korvex::kStatusDone, "raw-ok.zip"});
   cases.push_back(
-      {RawBlock("../outside/" + m_Marker + std::string("\0ok", 3)), BMC_NAME_REFUSED, ""});
+      {RawBlock("../outside/" + m_Marker + std::string("\0ok", 3)), korvex::kStatusBmcNameRefused, ""});
   cases.push_back(
-      {JsonText(std::string("str-ok.zip\0/../../", 18) + m_Marker), BMC_OK, "str-ok.zip"});
-  cases.push_back({RawBlock(std::string(10000, 'r')), BMC_NAME_REFUSED, ""});
+      {JsonText(std::string("str-ok.zip\0/../../", 18) + m_Marker), korvex::kStatusDone, "str-ok.zip"});
+  cases.push_back({RawBlock(std::string(10000, 'r')), korvex::kStatusBmcNameRefused, ""});
   for (const std::string& name : AcceptedNames()) {
-    cases.push_back({JsonText(name), BMC_OK, name});
+    cases.push_back({JsonText(name), korvex::kStatusDone, name});
   }
 
   // One request at a time: the module's queue takes 19 tasks, and one it
@@ -266,7 +267,9 @@ TEST_F(BmcPath, ThroughTheModuleNoNameLeavesTheDirectory) {
 // no temporary file on either side.
 TEST_F(BmcPath, DirectorySwappedForALinkDuringTransfersWritesNothingOutside) {
   const std::string parked = m_Area.Path() + "/bmc-parked";
-  CHostSwitch hostSwitch(5, CHtiMode{}, m_Bmc);
+  CHtiStandIn standIn(CHtiMode{}, m_Bmc);
+  CHostSwitch hostSwitch(5);
+  standIn.RegisterWith(hostSwitch);
   std::atomic<bool> done{false};
   std::atomic<unsigned long> swaps{0};
   std::thread swapper([&] {
@@ -289,7 +292,7 @@ TEST_F(BmcPath, DirectorySwappedForALinkDuringTransfersWritesNothingOutside) {
     SipJson request;
     ASSERT_TRUE(request.FromJson(text.data(), text.size()));
     EXPECT_EQ(1, hostSwitch.AsyncRequest(nullptr, request, 5000));
-    EXPECT_EQ(static_cast<unsigned int>(BMC_OK), request.Status()) << name;
+    EXPECT_EQ(static_cast<unsigned int>(korvex::kStatusDone), request.Status()) << name;
     expected.insert(name);
     expected.insert(name + ".sha256");
   }

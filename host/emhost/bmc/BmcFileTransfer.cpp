@@ -115,8 +115,8 @@ class CStoring {
     std::uint64_t available = 0;
     if (!m_Dir.FreeBytes(available)) return Fail(korvex::kStatusBmcWriteFailed, Errno());
     if (available < size + kSpaceReserve) {
-      return Fail(korvex::kStatusBmcNoSpace, std::to_string(size) + " bytes needed, " +
-                                                 std::to_string(available) + " free");
+      return Fail(korvex::kStatusBmcNoSpace,
+                  std::to_string(size) + " bytes needed, " + std::to_string(available) + " free");
     }
     std::string tempName;
     m_Target.Reset(m_Dir.CreateTemp(m_Request.m_BmcName, tempName));
@@ -215,7 +215,8 @@ class CStoring {
 korvex::CFd OpenRegularSource(const std::string& path, std::string& why) {
   // O_NONBLOCK: opening a FIFO without a writer (or a device that waits for
   // a carrier) must not hang the transfer; it is cleared again below.
-  korvex::CFd fd(KORVEX_RETRY(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
+  korvex::CFd fd(
+      KORVEX_RETRY(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)));
   if (!fd.Valid()) {
     why = path + (errno == ELOOP ? std::string(" is a symbolic link (not followed)")
                                  : ": " + std::string(std::strerror(errno)));

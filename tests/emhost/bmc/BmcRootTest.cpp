@@ -61,6 +61,26 @@ class EmHostSmallBmc : public ::testing::Test {
     return job.m_Status;
   }
 
+  // Copies src as "late.zip" with settings while, once the temporary copy
+  // exists (the free-space check is behind it), a file fills the tmpfs.
+  void TransferWhileFilling(const CCopySettings& settings, CBmcTransferJob& job) {
+    CBmcFileTransfer transfer(m_Bmc, settings);
+    CBmcTransferRequest request;
+    request.m_FileType = 2;
+    request.m_LocalPath = m_Dir + "/src";
+    request.m_BmcName = "late.zip";
+    std::thread filler([&] {
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+      while (Entries(m_Bmc).empty() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      std::ofstream out(m_Bmc + "/filler", std::ios::binary);
+      out << std::string(256 * 1024, 'f');
+    });
+    transfer.Run(request, job);
+    filler.join();
+  }
+
   std::string m_Dir;
   std::string m_Bmc;
   bool m_Mounted = false;
@@ -70,13 +90,13 @@ class EmHostSmallBmc : public ::testing::Test {
 
 TEST_F(EmHostSmallBmc, FileLargerThanTheFreeSpaceIsRefusedBeforeCopying) {
   Source(512 * 1024);
-  EXPECT_EQ(Transfer("big.zip"), static_cast<unsigned int>(BMC_NO_SPACE));
+  EXPECT_EQ(Transfer("big.zip"), static_cast<unsigned int>(korvex::kStatusBmcNoSpace));
   EXPECT_TRUE(Entries(m_Bmc).empty());
 }
 
 TEST_F(EmHostSmallBmc, FileThatFitsIsStored) {
   Source(64 * 1024);
-  EXPECT_EQ(Transfer("fits.zip"), static_cast<unsigned int>(BMC_OK));
+  EXPECT_EQ(Transfer("fits.zip"), static_cast<unsigned int>(korvex::kStatusDone));
   EXPECT_EQ(Entries(m_Bmc), (std::set<std::string>{"fits.zip", "fits.zip.sha256"}));
 }
 
@@ -86,24 +106,9 @@ TEST_F(EmHostSmallBmc, FileSystemFillingUpDuringTheCopyLeavesNothingBehind) {
   // 50 ms after each): the write fails with ENOSPC, the answer is "no
   // space", and the temporary file is gone.
   Source(100 * 1024);
-  CBmcFileTransfer transfer(m_Bmc, CCopySettings{4096, 2, 50});
-  CBmcTransferRequest request;
-  request.m_FileType = 2;
-  request.m_LocalPath = m_Dir + "/src";
-  request.m_BmcName = "late.zip";
   CBmcTransferJob job;
-  std::thread filler([&] {
-    // Once the temporary copy exists, the check is behind us: fill up.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (Entries(m_Bmc).empty() && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    std::ofstream out(m_Bmc + "/filler", std::ios::binary);
-    out << std::string(256 * 1024, 'f');
-  });
-  transfer.Run(request, job);
-  filler.join();
-  EXPECT_EQ(job.m_Status, static_cast<unsigned int>(BMC_NO_SPACE));
+  TransferWhileFilling(CCopySettings{4096, 2, 50}, job);
+  EXPECT_EQ(job.m_Status, static_cast<unsigned int>(korvex::kStatusBmcNoSpace));
   EXPECT_EQ(Entries(m_Bmc), (std::set<std::string>{"filler"}));
 }
 
@@ -115,22 +120,8 @@ TEST_F(EmHostSmallBmc, FileSystemFillingUpDuringADirectCopyLeavesNothingBehind) 
   ::close(probe);
   ::unlink((m_Bmc + "/probe").c_str());
   Source(100 * 1024);
-  CBmcFileTransfer transfer(m_Bmc, CCopySettings{4096, 2, 50, false, 4096, 2, 0});
-  CBmcTransferRequest request;
-  request.m_FileType = 2;
-  request.m_LocalPath = m_Dir + "/src";
-  request.m_BmcName = "late.zip";
   CBmcTransferJob job;
-  std::thread filler([&] {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (Entries(m_Bmc).empty() && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    std::ofstream out(m_Bmc + "/filler", std::ios::binary);
-    out << std::string(256 * 1024, 'f');
-  });
-  transfer.Run(request, job);
-  filler.join();
-  EXPECT_EQ(job.m_Status, static_cast<unsigned int>(BMC_NO_SPACE)) << job.m_Message;
+  TransferWhileFilling(CCopySettings{4096, 2, 50, false, 4096, 2, 0}, job);
+  EXPECT_EQ(job.m_Status, static_cast<unsigned int>(korvex::kStatusBmcNoSpace)) << job.m_Message;
   EXPECT_EQ(Entries(m_Bmc), (std::set<std::string>{"filler"}));
 }
