@@ -20,17 +20,7 @@
 
 namespace {
 
-using korvex_test::BuildTransfer;
-using korvex_test::CBmcScratchDir;
-using korvex_test::Clock;
-using korvex_test::CopyUnderWay;
-using korvex_test::Entries;
-using korvex_test::Pattern;
-using korvex_test::ReadFile;
-using korvex_test::RunTransfer;
-using korvex_test::SecondsSince;
-using korvex_test::Sha256Hex;
-using korvex_test::WriteFile;
+using namespace korvex_test;
 
 int OpenDirectTarget(const std::string& path) {
   return ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_DIRECT | O_CLOEXEC, 0600);

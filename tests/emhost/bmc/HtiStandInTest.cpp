@@ -19,17 +19,7 @@
 
 namespace {
 
-using korvex_test::BuildTransfer;
-using korvex_test::CBmcScratchDir;
-using korvex_test::Clock;
-using korvex_test::CopyUnderWay;
-using korvex_test::Entries;
-using korvex_test::Pattern;
-using korvex_test::ReadFile;
-using korvex_test::RunTransfer;
-using korvex_test::SecondsSince;
-using korvex_test::Sha256Hex;
-using korvex_test::WriteFile;
+using namespace korvex_test;
 
 // The switch with the stand-in for mode registered, as em-host builds them.
 struct CStandInSwitch {
@@ -57,6 +47,24 @@ class CRecordingListener : public CISwitchListener {
 // than the 5000 ms the module passes.
 const CCopySettings kSlowDisk{4096, 2, 50};
 constexpr std::size_t kSlowFile = 128 * 4096;
+
+// A source of kSlowFile bytes and the stand-in copying on the slow disk.
+struct CSlowCopy {
+  CSlowCopy() { WriteFile(m_Source, m_Data); }
+  CBmcScratchDir m_Dir;
+  const std::string m_Bmc = m_Dir.Sub("bmc");
+  const std::string m_Source = m_Dir.Path() + "/src";
+  const std::string m_Data = Pattern(kSlowFile);
+  CStandInSwitch m_Both{CHtiMode{}, m_Bmc, kSlowDisk};
+
+  // A request to copy the source as name, with "TO" toSec.
+  SipJson Request(const std::string& name, unsigned int toSec) {
+    SipJson request;
+    BuildTransfer(request, m_Source, name, toSec);
+    return request;
+  }
+  int Send(SipJson& request) { return m_Both.m_Switch.AsyncRequest(nullptr, request, 5000); }
+};
 
 }  // namespace
 
@@ -152,48 +160,35 @@ TEST(EmHostSwitchWait, TheSendersTimeOutIsTheLeastAndToAddsItsGrace) {
 }
 
 TEST(EmHostSwitchWait, ACopyLongerThanFiveSecondsSucceedsWithinItsTo) {
-  CBmcScratchDir dir;
-  const std::string bmc = dir.Sub("bmc");
-  const std::string data = Pattern(kSlowFile);
-  WriteFile(dir.Path() + "/src", data);
-  CStandInSwitch both(CHtiMode{}, bmc, kSlowDisk);
-  CHostSwitch& hostSwitch = both.m_Switch;
-  SipJson request;
-  BuildTransfer(request, dir.Path() + "/src", "slow.zip", 29);
+  CSlowCopy slow;
+  const std::string& bmc = slow.m_Bmc;
+  SipJson request = slow.Request("slow.zip", 29);
   const Clock::time_point start = Clock::now();
-  EXPECT_EQ(hostSwitch.AsyncRequest(nullptr, request, 5000), 1);
+  EXPECT_EQ(slow.Send(request), 1);
   const double seconds = SecondsSince(start);
   EXPECT_EQ(request.Status(), korvex::kStatusDone);
   EXPECT_GT(seconds, 5.0);  // the premise: the copy did outlive 5 s
-  EXPECT_EQ(ReadFile(bmc + "/slow.zip"), data);
+  EXPECT_EQ(ReadFile(bmc + "/slow.zip"), slow.m_Data);
   EXPECT_EQ(Entries(bmc), (std::set<std::string>{"slow.zip", "slow.zip.sha256"}));
 }
 
 TEST(EmHostSwitchWait, ACopyLongerThanItsToAnswersElevenAndLeavesNothing) {
-  CBmcScratchDir dir;
-  const std::string bmc = dir.Sub("bmc");
-  WriteFile(dir.Path() + "/src", Pattern(kSlowFile));
-  CStandInSwitch both(CHtiMode{}, bmc, kSlowDisk);
-  CHostSwitch& hostSwitch = both.m_Switch;
-  SipJson request;
-  BuildTransfer(request, dir.Path() + "/src", "late.zip", 2);
-  EXPECT_EQ(hostSwitch.AsyncRequest(nullptr, request, 5000), 1);
+  CSlowCopy slow;
+  const std::string& bmc = slow.m_Bmc;
+  SipJson request = slow.Request("late.zip", 2);
+  EXPECT_EQ(slow.Send(request), 1);
   EXPECT_EQ(request.Status(), static_cast<unsigned int>(korvex::kStatusBmcTimedOut));
   EXPECT_TRUE(Entries(bmc).empty());
 }
 
 TEST(EmHostSwitchStop, StopDuringACopyRemovesItAndItNeverAppears) {
-  CBmcScratchDir dir;
-  const std::string bmc = dir.Sub("bmc");
-  WriteFile(dir.Path() + "/src", Pattern(kSlowFile));
-  CStandInSwitch both(CHtiMode{}, bmc, kSlowDisk);
-  CHostSwitch& hostSwitch = both.m_Switch;
-  SipJson request;
-  BuildTransfer(request, dir.Path() + "/src", "stopped.zip", 60);
+  CSlowCopy slow;
+  const std::string& bmc = slow.m_Bmc;
+  SipJson request = slow.Request("stopped.zip", 60);
   int result = -1;
-  std::thread worker([&] { result = hostSwitch.AsyncRequest(nullptr, request, 5000); });
+  std::thread worker([&] { result = slow.Send(request); });
   ASSERT_TRUE(CopyUnderWay(bmc));
-  hostSwitch.StopHandlers();
+  slow.m_Both.m_Switch.StopHandlers();
   // The temporary file is gone when StopHandlers returns.
   EXPECT_TRUE(Entries(bmc).empty());
   worker.join();
@@ -203,37 +198,32 @@ TEST(EmHostSwitchStop, StopDuringACopyRemovesItAndItNeverAppears) {
   EXPECT_TRUE(Entries(bmc).empty());
 
   // While stopped no copy starts; allowed again, one does.
-  SipJson refused;
-  BuildTransfer(refused, dir.Path() + "/src", "refused.zip", 60);
-  EXPECT_EQ(hostSwitch.AsyncRequest(nullptr, refused, 5000), 0);
+  SipJson refused = slow.Request("refused.zip", 60);
+  EXPECT_EQ(slow.Send(refused), 0);
   EXPECT_TRUE(Entries(bmc).empty());
-  hostSwitch.AllowHandlers();
-  WriteFile(dir.Path() + "/small", "small");
+  slow.m_Both.m_Switch.AllowHandlers();
+  WriteFile(slow.m_Dir.Path() + "/small", "small");
   SipJson again;
-  BuildTransfer(again, dir.Path() + "/small", "again.zip", 60);
-  EXPECT_EQ(hostSwitch.AsyncRequest(nullptr, again, 5000), 1);
+  BuildTransfer(again, slow.m_Dir.Path() + "/small", "again.zip", 60);
+  EXPECT_EQ(slow.Send(again), 1);
   EXPECT_EQ(again.Status(), 0u);
   EXPECT_EQ(ReadFile(bmc + "/again.zip"), "small");
 }
 
 TEST(EmHostSwitchStop, ProgressShowsTheCopyUnderWay) {
-  CBmcScratchDir dir;
-  const std::string bmc = dir.Sub("bmc");
-  WriteFile(dir.Path() + "/src", Pattern(kSlowFile));
-  CStandInSwitch both(CHtiMode{}, bmc, kSlowDisk);
-  CHostSwitch& hostSwitch = both.m_Switch;
-  SipJson request;
-  BuildTransfer(request, dir.Path() + "/src", "p.zip", 60);
-  std::thread worker([&] { hostSwitch.AsyncRequest(nullptr, request, 5000); });
+  CSlowCopy slow;
+  const std::string& bmc = slow.m_Bmc;
+  SipJson request = slow.Request("p.zip", 60);
+  std::thread worker([&] { slow.Send(request); });
   ASSERT_TRUE(CopyUnderWay(bmc));
   CTransferProgress progress;
   bool seen = false;
   const auto deadline = Clock::now() + std::chrono::seconds(5);
   while (!seen && Clock::now() < deadline) {
-    seen = both.m_StandIn.TransferProgress(progress) && progress.m_Copied > 0;
+    seen = slow.m_Both.m_StandIn.TransferProgress(progress) && progress.m_Copied > 0;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-  hostSwitch.StopHandlers();
+  slow.m_Both.m_Switch.StopHandlers();
   worker.join();
   ASSERT_TRUE(seen);
   EXPECT_EQ(progress.m_Total, kSlowFile);
