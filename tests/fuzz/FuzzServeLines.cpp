@@ -12,10 +12,10 @@
 #include "frame/ExtensionModule.h"
 #include "host/HostControl.h"
 #include "host/emhost/bmc/HtiStandIn.h"
-#include "host/emhost/switch/HostSwitch.h"
 #include "host/emhost/loader/ModuleHost.h"
 #include "host/emhost/serve/ServeSession.h"
 #include "host/emhost/serve/Signals.h"
+#include "host/emhost/switch/HostSwitch.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -137,7 +137,8 @@ TEST_F(BmcPath, FileTransferAloneRefusesEveryNameThatLeavesTheDirectory) {
   CBmcFileTransfer transfer(m_Bmc);
   for (const std::string& name : RefusedNames()) {
     EXPECT_FALSE(CBmcFileTransfer::NameAcceptable(name)) << name.substr(0, 60);
-    EXPECT_EQ(static_cast<unsigned int>(korvex::kStatusBmcNameRefused), RunTransfer(transfer, m_Source, name))
+    EXPECT_EQ(static_cast<unsigned int>(korvex::kStatusBmcNameRefused),
+              RunTransfer(transfer, m_Source, name))
         << name.substr(0, 60);
   }
   ExpectOnlyBmcChanged(before, {});
@@ -149,7 +150,8 @@ TEST_F(BmcPath, FileTransferAloneStoresAcceptedNamesInsideTheDirectoryOnly) {
   CBmcFileTransfer transfer(m_Bmc);
   std::set<std::string> stored;
   for (const std::string& name : AcceptedNames()) {
-    ASSERT_EQ(static_cast<unsigned int>(korvex::kStatusDone), RunTransfer(transfer, m_Source, name)) << name;
+    ASSERT_EQ(static_cast<unsigned int>(korvex::kStatusDone), RunTransfer(transfer, m_Source, name))
+        << name;
     stored.insert(name);
     EXPECT_EQ(kArchive, ReadFile(m_Bmc + "/" + name)) << name;
   }
@@ -225,12 +227,12 @@ TEST_F(BmcPath, ThroughTheModuleNoNameLeavesTheDirectory) {
     cases.push_back({RawBlock(name + std::string(1, '\0')), korvex::kStatusBmcNameRefused, ""});
   }
   // A NUL inside the block ends the name: what follows it is never used.
-  cases.push_back(
-      {RawBlock(std::string("raw-ok.zip\0../outside/", 22) + m_Marker), korvex::kStatusDone, "raw-ok.zip"});
-  cases.push_back(
-      {RawBlock("../outside/" + m_Marker + std::string("\0ok", 3)), korvex::kStatusBmcNameRefused, ""});
-  cases.push_back(
-      {JsonText(std::string("str-ok.zip\0/../../", 18) + m_Marker), korvex::kStatusDone, "str-ok.zip"});
+  cases.push_back({RawBlock(std::string("raw-ok.zip\0../outside/", 22) + m_Marker),
+                   korvex::kStatusDone, "raw-ok.zip"});
+  cases.push_back({RawBlock("../outside/" + m_Marker + std::string("\0ok", 3)),
+                   korvex::kStatusBmcNameRefused, ""});
+  cases.push_back({JsonText(std::string("str-ok.zip\0/../../", 18) + m_Marker), korvex::kStatusDone,
+                   "str-ok.zip"});
   cases.push_back({RawBlock(std::string(10000, 'r')), korvex::kStatusBmcNameRefused, ""});
   for (const std::string& name : AcceptedNames()) {
     cases.push_back({JsonText(name), korvex::kStatusDone, name});
