@@ -4,8 +4,8 @@
 #include "host/HostControl.h"
 #include "host/emhost/cli/EmHost.h"
 #include "host/emhost/cli/Options.h"
-#include "host/emhost/serve/Signals.h"
 #include "host/emhost/cli/ToolReport.h"
+#include "host/emhost/serve/Signals.h"
 
 #include <cstdio>
 #include <exception>
