@@ -6,9 +6,6 @@
 #include "host/emhost/bmc/BmcFileTransfer.h"
 #include "host/emhost/bmc/CopyEngine.h"
 #include "host/emhost/switch/HostSwitch.h"
-#include "host/emhost/cli/Options.h"
-#include "host/emhost/serve/PendingRequests.h"
-#include "host/emhost/cli/ProgressText.h"
 #include "host/emhost/bmc/Sha256.h"
 #include "message/SipJson.h"
 #include "tests/emhost/TransferRequests.h"
@@ -404,77 +401,4 @@ TEST(EmHostSwitchStop, ProgressShowsTheCopyUnderWay) {
   ASSERT_TRUE(seen);
   EXPECT_EQ(progress.m_Total, kSlowFile);
   EXPECT_LT(progress.m_Copied, kSlowFile);
-}
-
-// ----- texts and defaults -------------------------------------------------------------
-
-TEST(EmHostProgressText, BytesShareAndRate) {
-  EXPECT_EQ(ByteCount(512), "512 B");
-  EXPECT_EQ(ByteCount(3u << 20), "3.0 MiB");
-  EXPECT_EQ(TransferProgressText(1u << 30, 4ull << 30, 2.0), "1.0 GiB of 4.0 GiB (25 %), 537 MB/s");
-  EXPECT_EQ(TransferProgressText(100, 0, 0.0), "100 B");
-}
-
-TEST(EmHostOptions, DefaultTransferTimeoutLeavesRoomForASlowDisk) {
-  EXPECT_EQ(DefaultTransferTimeout(0), 60u);
-  EXPECT_EQ(DefaultTransferTimeout(1), 61u);
-  EXPECT_EQ(DefaultTransferTimeout(20000000), 61u);
-  EXPECT_EQ(DefaultTransferTimeout(4ull << 30), 60u + 215u);  // 4 GiB at 20 MB/s
-  EXPECT_EQ(DefaultTransferTimeout(1ull << 40), 55036u);
-  EXPECT_EQ(DefaultTransferTimeout(~0ull - 1000000000ull), 65535u);
-}
-
-// ----- serve's bookkeeping -------------------------------------------------------------
-
-TEST(EmHostPendingRequests, AnsweredAndUnanswerableRequestsAreForgotten) {
-  CPendingRequests pending;
-  // Requests answered in place (queries) are forgotten at their ack.
-  for (int i = 0; i < 100000; ++i) {
-    const std::uint64_t tag = pending.Add("1");
-    pending.Acknowledged(tag, false);
-  }
-  EXPECT_EQ(pending.Size(), 0u);
-
-  const std::uint64_t a = pending.Add("\"a\"");
-  pending.Acknowledged(a, true);
-  const std::uint64_t b = pending.Add("\"b\"");
-  pending.Acknowledged(b, true);
-  const std::uint64_t c = pending.Add("\"c\"");
-  pending.Acknowledged(c, true);
-  EXPECT_EQ(pending.Size(), 3u);
-  EXPECT_EQ(pending.Waiting(), 3u);
-
-  // b answered: a, still waiting before it, can no longer be answered.
-  std::string id;
-  ASSERT_TRUE(pending.IdForReply(b, id));
-  EXPECT_EQ(id, "\"b\"");
-  pending.Replied(b);
-  EXPECT_EQ(pending.Size(), 1u);
-  EXPECT_EQ(pending.Waiting(), 1u);
-  std::string none = "untouched";
-  EXPECT_FALSE(pending.IdForReply(a, none));
-  EXPECT_EQ(none, "untouched");
-
-  // Stop: nothing is answered afterwards.
-  pending.DropAll();
-  EXPECT_EQ(pending.Size(), 0u);
-  EXPECT_EQ(pending.Waiting(), 0u);
-  EXPECT_FALSE(pending.IdForReply(c, none));
-}
-
-TEST(EmHostPendingRequests, AReplyBeforeItsAckWaitsForTheAck) {
-  CPendingRequests pending;
-  const std::uint64_t tag = pending.Add("7");
-  std::string id;
-  std::thread replier([&] {
-    pending.IdForReply(tag, id);
-    pending.Replied(tag);
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_EQ(id, "");  // still waiting for the ack
-  pending.Acknowledged(tag, true);
-  replier.join();
-  EXPECT_EQ(id, "7");
-  EXPECT_EQ(pending.Size(), 0u);
-  EXPECT_EQ(pending.Waiting(), 0u);
 }
