@@ -6,6 +6,7 @@
 #pragma once
 
 #include "host/emhost/switch/HostSwitch.h"
+#include "module/Protocol.h"
 #include "util/Waiter.h"
 
 #include <cstdint>
@@ -14,7 +15,7 @@
 #include <string>
 
 struct CReply {
-  unsigned int m_Status = 22;
+  unsigned int m_Status = korvex::kStatusQueued;
   std::string m_Json;
 };
 

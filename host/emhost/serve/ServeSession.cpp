@@ -8,6 +8,7 @@
 #include "host/emhost/serve/Utf8Check.h"
 #include "message/DataStruct.h"
 #include "message/SipJson.h"
+#include "module/Protocol.h"
 #include "util/Fd.h"
 
 #include <chrono>
@@ -230,7 +231,7 @@ CServeSession::LineResult CServeSession::HandleRequest(JsonValue& line, const st
     const int result = m_Switch.Deliver(m_Instance.Module(), message, tag);
     // Taken (result 1) and answered "queued" (status 22): a reply follows.
     // A status that only reads as 22 because nothing was written does not count.
-    queued = result == 1 && message.Status() == 22;
+    queued = result == 1 && message.Status() == korvex::kStatusQueued;
     Emit(AckEvent(id, result, message.Document()), false);
   } catch (...) {
     EmitError("the module threw while taking the request: " +
