@@ -41,6 +41,8 @@ struct COptionSpec {
   bool CEmHostOptions::*m_Given = nullptr;
 };
 
+// The options, each with where its value goes (O: CEmHostOptions, short
+// for the table's sake).
 using O = CEmHostOptions;
 const COptionSpec kOptions[] = {
     {"--no-start", OptionKind::kFlag, nullptr, nullptr, nullptr, 0, &O::m_NoStart},
