@@ -7,9 +7,7 @@
 void CCommandListener::OnReply(std::uint64_t tag, SipJson& message) {
   {
     std::lock_guard<std::mutex> lock(m_Mutex);
-    CReply& reply = m_Replies[tag];
-    reply.m_Status = message.Status();
-    reply.m_Json = message.ToJson();
+    m_Replies[tag].m_Status = message.Status();
   }
   m_Replied.Notify();
 }

@@ -16,7 +16,6 @@
 
 struct CReply {
   unsigned int m_Status = korvex::kStatusQueued;
-  std::string m_Json;
 };
 
 class CCommandListener : public CISwitchListener {
