@@ -42,12 +42,12 @@ int PollTimeout(CWaiter::Clock::time_point deadline) {
 
 CWaiter::Woken CWaiter::WaitUntil(Clock::time_point deadline) const {
   for (;;) {
-    pollfd fds[2] = {{m_SignalFd, POLLIN, 0}, {m_WakeFd, POLLIN, 0}};
+    pollfd fds[2] = {{m_SignalFd, POLLIN, 0}, {m_WakeFd, m_WakeEvents, 0}};
     const int timeout = PollTimeout(deadline);
     const int ready = ::poll(fds, 2, timeout);
     if (ready < 0 && errno != EINTR) return Woken::kError;
     if ((fds[0].revents & POLLIN) != 0) return Woken::kSignal;
-    if ((fds[1].revents & POLLIN) != 0) return Woken::kWake;
+    if ((fds[1].revents & m_WakeEvents) != 0) return Woken::kWake;
     // Readable neither, yet ready: an error condition on a descriptor.
     if (ready > 0) return Woken::kError;
     if (ready == 0 && Clock::now() >= deadline) return Woken::kDeadline;

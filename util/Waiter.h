@@ -10,6 +10,7 @@
 #include "util/Fd.h"
 
 #include <chrono>
+#include <poll.h>
 
 namespace korvex {
 
@@ -32,8 +33,11 @@ class CWaiter {
   using Clock = std::chrono::steady_clock;
   enum class Woken { kWake, kSignal, kDeadline, kError };
 
-  // Either descriptor may be -1 (not watched).
-  CWaiter(int wakeFd, int signalFd) noexcept : m_WakeFd(wakeFd), m_SignalFd(signalFd) {}
+  // Either descriptor may be -1 (not watched). wakeEvents is what counts
+  // as a wake-up on wakeFd: readable by default, POLLOUT for a writer that
+  // waits for room.
+  CWaiter(int wakeFd, int signalFd, short wakeEvents = POLLIN) noexcept
+      : m_WakeFd(wakeFd), m_SignalFd(signalFd), m_WakeEvents(wakeEvents) {}
 
   // Waits until a descriptor is readable or deadline passes
   // (Clock::time_point::max(): no deadline). A pending signal wins over a
@@ -47,6 +51,7 @@ class CWaiter {
  private:
   int m_WakeFd;
   int m_SignalFd;
+  short m_WakeEvents;
 };
 
 }  // namespace korvex

@@ -8,9 +8,6 @@
 
 class CSignalWatch;
 
-// The module id em-host gives the module in Start (layer 1, index 1).
-constexpr unsigned int kKorvexModuleId = 0x00010001u;
-
 // em-host's exit statuses besides 0 and 128 + signal number.
 constexpr int kExitStatus = 1;   // the final status is not 0; "not installed" for query
 constexpr int kExitUsage = 2;    // bad command line

@@ -1,4 +1,6 @@
-// Parsing of em-host's command line.
+// Parsing of em-host's command line: a table of the options (how each is
+// written and where its value goes), a table of the commands, and the
+// rules on which options go with which command.
 #include "host/emhost/cli/Options.h"
 
 #include <algorithm>
@@ -18,6 +20,158 @@ bool ParseUnsigned(const std::string& text, unsigned int& out) {
   if (errno != 0 || end == text.c_str() || *end != '\0' || value > 0xFFFFFFFFull) return false;
   out = static_cast<unsigned int>(value);
   return true;
+}
+
+// How an option's value is taken.
+enum class OptionKind {
+  kFlag,    // no value: sets m_Given
+  kText,    // non-empty text, as given
+  kPath,    // non-empty path, made absolute
+  kNumber,  // unsigned number up to m_Max; sets m_Given too, when there is one
+  kHti,     // a CHtiMode
+};
+
+struct COptionSpec {
+  const char* m_Name;
+  OptionKind m_Kind;
+  const char* m_Empty = nullptr;  // kText, kPath: the error of an empty value
+  std::string CEmHostOptions::*m_Text = nullptr;
+  unsigned int CEmHostOptions::*m_Number = nullptr;
+  unsigned int m_Max = 0xFFFFFFFFu;
+  bool CEmHostOptions::*m_Given = nullptr;
+};
+
+// The options, each with where its value goes (O: CEmHostOptions, short
+// for the table's sake).
+using O = CEmHostOptions;
+const COptionSpec kOptions[] = {
+    {"--no-start", OptionKind::kFlag, nullptr, nullptr, nullptr, 0, &O::m_NoStart},
+    {"--module", OptionKind::kText, "needs a path", &O::m_ModulePath},
+    {"--tool-root", OptionKind::kPath, "needs a directory", &O::m_ToolRoot},
+    {"--registry", OptionKind::kText, "needs a file", &O::m_RegistryFile},
+    {"--cabinet", OptionKind::kNumber, nullptr, nullptr, &O::m_Cabinet},
+    {"--bmc-dir", OptionKind::kPath, "needs a directory", &O::m_BmcDir},
+    {"--trace", OptionKind::kText, "needs a file, or - for standard error", &O::m_TraceFile},
+    {"--trace-level", OptionKind::kNumber, nullptr, nullptr, &O::m_TraceLevel, 5},
+    {"--service-type", OptionKind::kNumber, nullptr, nullptr, &O::m_ServiceType},
+    {"--hti", OptionKind::kHti},
+    {"--timeout", OptionKind::kNumber, nullptr, nullptr, &O::m_TimeoutSec, 0xFFFFFFFFu,
+     &O::m_TimeoutGiven},
+    {"--tool-log", OptionKind::kPath, "needs a file", &O::m_ToolLog},
+    {"--heartbeat", OptionKind::kNumber, nullptr, nullptr, &O::m_HeartbeatSec},
+};
+
+struct CCommandSpec {
+  const char* m_Name;
+  EmCommand m_Command;
+  bool m_TakesName;
+};
+
+const CCommandSpec kCommands[] = {
+    {"query", EmCommand::kQuery, false},      {"create", EmCommand::kCreate, false},
+    {"transfer", EmCommand::kTransfer, true}, {"collect", EmCommand::kCollect, true},
+    {"cleanup", EmCommand::kCleanup, false},  {"info", EmCommand::kInfo, false},
+    {"serve", EmCommand::kServe, false}};
+
+template <typename Spec, std::size_t N>
+const Spec* Find(const Spec (&table)[N], const std::string& name) {
+  for (const Spec& spec : table) {
+    if (name == spec.m_Name) return &spec;
+  }
+  return nullptr;
+}
+
+// Stores value as option says; "" when it was taken, else the error.
+std::string Store(const COptionSpec& option, const std::string& value, CEmHostOptions& out) {
+  const std::string name = option.m_Name;
+  switch (option.m_Kind) {
+    case OptionKind::kFlag:
+      out.*option.m_Given = true;
+      return "";
+    case OptionKind::kText:
+    case OptionKind::kPath:
+      if (value.empty()) return name + " " + option.m_Empty;
+      out.*option.m_Text = option.m_Kind == OptionKind::kPath ? AbsolutePath(value) : value;
+      return "";
+    case OptionKind::kHti:
+      if (CHtiMode::Parse(value, out.m_Hti)) return "";
+      return "--hti takes copy, status:N, silent or absent, not \"" + value + "\"";
+    case OptionKind::kNumber:
+      break;
+  }
+  unsigned int number = 0;
+  if (!ParseUnsigned(value, number))
+    return name + " needs an unsigned number, not \"" + value + "\"";
+  if (number > option.m_Max) return name + " takes 0 to " + std::to_string(option.m_Max);
+  out.*option.m_Number = number;
+  if (option.m_Given != nullptr) out.*option.m_Given = true;
+  return "";
+}
+
+// What one argument was.
+enum class Argument { kTaken, kHelp, kRestArePositional, kRefused };
+
+// Takes args[i] (and its value, advancing i): an option into out, anything
+// else into positional. *error says why on kRefused.
+Argument TakeArgument(const std::vector<std::string>& args, std::size_t& i, CEmHostOptions& out,
+                      std::vector<std::string>& positional, std::string& error) {
+  std::string arg = args[i];
+  if (arg == "-h" || arg == "--help") return Argument::kHelp;
+  if (arg == "--") return Argument::kRestArePositional;
+  if (arg.size() < 2 || arg.compare(0, 2, "--") != 0) {
+    if (!arg.empty() && arg[0] == '-' && arg != "-") {
+      error = "unknown option " + arg;
+      return Argument::kRefused;
+    }
+    positional.push_back(arg);
+    return Argument::kTaken;
+  }
+  const std::size_t equals = arg.find('=');
+  const bool inlineValue = equals != std::string::npos;
+  std::string value = inlineValue ? arg.substr(equals + 1) : std::string();
+  if (inlineValue) arg.erase(equals);
+  const COptionSpec* option = Find(kOptions, arg);
+  if (option == nullptr) {
+    error = "unknown option " + arg;
+  } else if (option->m_Kind == OptionKind::kFlag && inlineValue) {
+    error = arg + " takes no value";
+  } else if (option->m_Kind != OptionKind::kFlag && !inlineValue && i + 1 >= args.size()) {
+    error = arg + " needs a value";
+  } else {
+    if (option->m_Kind != OptionKind::kFlag && !inlineValue) value = args[++i];
+    error = Store(*option, value, out);
+  }
+  return error.empty() ? Argument::kTaken : Argument::kRefused;
+}
+
+// The command and its NAME from the positional arguments; "" or the error.
+std::string TakeCommand(const std::vector<std::string>& positional, CEmHostOptions& out) {
+  if (positional.empty()) return "no command given";
+  const CCommandSpec* command = Find(kCommands, positional[0]);
+  if (command == nullptr) return "unknown command \"" + positional[0] + "\"";
+  out.m_Command = command->m_Command;
+  out.m_CommandName = command->m_Name;
+  const std::size_t expected = command->m_TakesName ? 2 : 1;
+  if (positional.size() < expected) return out.m_CommandName + " needs a NAME";
+  if (positional.size() > expected) {
+    return "unexpected argument \"" + positional[expected] + "\" for " + out.m_CommandName;
+  }
+  if (command->m_TakesName) out.m_ArchiveName = positional[1];
+  return "";
+}
+
+// Options that do not go together, or not with the command; "" or the error.
+std::string CheckCombination(const CEmHostOptions& out) {
+  const bool timeoutAllowed = out.m_Command == EmCommand::kCreate ||
+                              out.m_Command == EmCommand::kTransfer ||
+                              out.m_Command == EmCommand::kCollect;
+  if (out.m_TimeoutGiven && !timeoutAllowed) {
+    return "--timeout applies to create, transfer and collect only";
+  }
+  if (out.m_NoStart && out.m_Command != EmCommand::kServe) {
+    return "--no-start applies to serve only";
+  }
+  return "";
 }
 
 }  // namespace
@@ -77,128 +231,30 @@ const char* EmHostUsage() {
 
 bool ParseEmHostOptions(const std::vector<std::string>& args, CEmHostOptions& out,
                         std::string* error) {
-  auto fail = [error](const std::string& why) {
+  std::string why;
+  std::vector<std::string> positional;
+  for (std::size_t i = 0; i < args.size() && why.empty(); ++i) {
+    switch (TakeArgument(args, i, out, positional, why)) {
+      case Argument::kHelp:
+        out.m_Command = EmCommand::kHelp;
+        return true;
+      case Argument::kRestArePositional:
+        positional.insert(positional.end(), args.begin() + static_cast<long>(i) + 1, args.end());
+        i = args.size();
+        break;
+      case Argument::kTaken:
+      case Argument::kRefused:
+        break;
+    }
+  }
+  if (why.empty() && !out.m_ToolRoot.empty() && !out.m_RegistryFile.empty()) {
+    why = "--tool-root and --registry exclude each other";
+  }
+  if (why.empty()) why = TakeCommand(positional, out);
+  if (why.empty()) why = CheckCombination(out);
+  if (!why.empty()) {
     if (error != nullptr) *error = why;
     return false;
-  };
-  std::vector<std::string> positional;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    std::string arg = args[i];
-    if (arg == "-h" || arg == "--help") {
-      out.m_Command = EmCommand::kHelp;
-      return true;
-    }
-    if (arg == "--") {
-      positional.insert(positional.end(), args.begin() + static_cast<long>(i) + 1, args.end());
-      break;
-    }
-    if (arg.size() < 2 || arg.compare(0, 2, "--") != 0) {
-      if (!arg.empty() && arg[0] == '-' && arg != "-") return fail("unknown option " + arg);
-      positional.push_back(arg);
-      continue;
-    }
-    std::string value;
-    bool hasInlineValue = false;
-    const std::size_t equals = arg.find('=');
-    if (equals != std::string::npos) {
-      value = arg.substr(equals + 1);
-      arg.erase(equals);
-      hasInlineValue = true;
-    }
-    if (arg == "--no-start") {
-      if (hasInlineValue) return fail("--no-start takes no value");
-      out.m_NoStart = true;
-      continue;
-    }
-    static const char* const kWithValue[] = {
-        "--module",      "--tool-root",    "--registry", "--cabinet", "--bmc-dir",  "--trace",
-        "--trace-level", "--service-type", "--hti",      "--timeout", "--tool-log", "--heartbeat"};
-    bool known = false;
-    for (const char* name : kWithValue) known = known || arg == name;
-    if (!known) return fail("unknown option " + arg);
-    if (!hasInlineValue) {
-      if (i + 1 >= args.size()) return fail(arg + " needs a value");
-      value = args[++i];
-    }
-    if (arg == "--module") {
-      if (value.empty()) return fail("--module needs a path");
-      out.m_ModulePath = value;
-    } else if (arg == "--tool-root") {
-      if (value.empty()) return fail("--tool-root needs a directory");
-      out.m_ToolRoot = AbsolutePath(value);
-    } else if (arg == "--registry") {
-      if (value.empty()) return fail("--registry needs a file");
-      out.m_RegistryFile = value;
-    } else if (arg == "--bmc-dir") {
-      if (value.empty()) return fail("--bmc-dir needs a directory");
-      out.m_BmcDir = AbsolutePath(value);
-    } else if (arg == "--tool-log") {
-      if (value.empty()) return fail("--tool-log needs a file");
-      out.m_ToolLog = AbsolutePath(value);
-    } else if (arg == "--trace") {
-      if (value.empty()) return fail("--trace needs a file, or - for standard error");
-      out.m_TraceFile = value;
-    } else if (arg == "--hti") {
-      if (!CHtiMode::Parse(value, out.m_Hti)) {
-        return fail("--hti takes copy, status:N, silent or absent, not \"" + value + "\"");
-      }
-    } else {
-      unsigned int number = 0;
-      if (!ParseUnsigned(value, number)) {
-        return fail(arg + " needs an unsigned number, not \"" + value + "\"");
-      }
-      if (arg == "--cabinet") {
-        out.m_Cabinet = number;
-      } else if (arg == "--trace-level") {
-        if (number > 5) return fail("--trace-level takes 0 to 5");
-        out.m_TraceLevel = number;
-      } else if (arg == "--heartbeat") {
-        out.m_HeartbeatSec = number;
-      } else if (arg == "--service-type") {
-        out.m_ServiceType = number;
-      } else {  // --timeout
-        out.m_TimeoutSec = number;
-        out.m_TimeoutGiven = true;
-      }
-    }
-  }
-  if (!out.m_ToolRoot.empty() && !out.m_RegistryFile.empty()) {
-    return fail("--tool-root and --registry exclude each other");
-  }
-  if (positional.empty()) return fail("no command given");
-
-  struct CCommandName {
-    const char* m_Name;
-    EmCommand m_Command;
-    bool m_TakesName;
-  };
-  static const CCommandName kCommands[] = {
-      {"query", EmCommand::kQuery, false},      {"create", EmCommand::kCreate, false},
-      {"transfer", EmCommand::kTransfer, true}, {"collect", EmCommand::kCollect, true},
-      {"cleanup", EmCommand::kCleanup, false},  {"info", EmCommand::kInfo, false},
-      {"serve", EmCommand::kServe, false}};
-  const CCommandName* command = nullptr;
-  for (const CCommandName& candidate : kCommands) {
-    if (positional[0] == candidate.m_Name) command = &candidate;
-  }
-  if (command == nullptr) return fail("unknown command \"" + positional[0] + "\"");
-  out.m_Command = command->m_Command;
-  out.m_CommandName = command->m_Name;
-  const std::size_t expected = command->m_TakesName ? 2 : 1;
-  if (positional.size() < expected) return fail(out.m_CommandName + " needs a NAME");
-  if (positional.size() > expected) {
-    return fail("unexpected argument \"" + positional[expected] + "\" for " + out.m_CommandName);
-  }
-  if (command->m_TakesName) out.m_ArchiveName = positional[1];
-
-  const bool timeoutAllowed = out.m_Command == EmCommand::kCreate ||
-                              out.m_Command == EmCommand::kTransfer ||
-                              out.m_Command == EmCommand::kCollect;
-  if (out.m_TimeoutGiven && !timeoutAllowed) {
-    return fail("--timeout applies to create, transfer and collect only");
-  }
-  if (out.m_NoStart && out.m_Command != EmCommand::kServe) {
-    return fail("--no-start applies to serve only");
   }
   if (out.m_BmcDir.empty()) out.m_BmcDir = AbsolutePath("bmc");
   return true;

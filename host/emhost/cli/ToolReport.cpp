@@ -1,6 +1,8 @@
 // What em-host tells the operator about the Korvex tool.
 #include "host/emhost/cli/ToolReport.h"
 
+#include "util/Fd.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -51,26 +53,33 @@ std::string DefaultToolLogPath(const std::string& toolRoot) {
   return root + "Korvex.output.log";
 }
 
+namespace {
+
+// The last kTailBytes of the regular file fd, from a line start when the
+// file is longer.
+std::string Tail(int fd) {
+  struct stat status {};
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return std::string();
+  const off_t from = status.st_size > static_cast<off_t>(kTailBytes)
+                         ? status.st_size - static_cast<off_t>(kTailBytes)
+                         : 0;
+  std::string text(kTailBytes, '\0');
+  const ssize_t got = KORVEX_RETRY(::pread(fd, &text[0], kTailBytes, from));
+  text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+  if (from > 0) {  // the first line is probably cut
+    const std::size_t newline = text.find('\n');
+    text.erase(0, newline == std::string::npos ? text.size() : newline + 1);
+  }
+  return text;
+}
+
+}  // namespace
+
 std::vector<std::string> LastLogLines(const std::string& path, std::size_t maxLines) {
   std::vector<std::string> lines;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return lines;
-  struct stat status {};
-  std::string text;
-  if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
-    const off_t from = status.st_size > static_cast<off_t>(kTailBytes)
-                           ? status.st_size - static_cast<off_t>(kTailBytes)
-                           : 0;
-    text.resize(kTailBytes);
-    const ssize_t got = ::pread(fd, &text[0], kTailBytes, from);
-    text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-    if (from > 0) {  // the first line is probably cut
-      const std::size_t newline = text.find('\n');
-      text.erase(0, newline == std::string::npos ? text.size() : newline + 1);
-    }
-  }
-  ::close(fd);
-  std::istringstream stream(text);
+  const korvex::CFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) return lines;
+  std::istringstream stream(Tail(fd.Get()));
   for (std::string line; std::getline(stream, line);) lines.push_back(line);
   if (lines.size() > maxLines)
     lines.erase(lines.begin(), lines.end() - static_cast<long>(maxLines));
@@ -121,24 +130,19 @@ std::string DescribeProcess(unsigned int pid) {
   return text;
 }
 
-CCollectionLock::~CCollectionLock() {
-  if (m_Fd >= 0) ::close(m_Fd);
-}
-
 CCollectionLock::Result CCollectionLock::Acquire(const std::string& toolRoot, std::string* error) {
-  if (m_Fd >= 0) return Result::kHeld;
-  const int fd = ::open(toolRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) {
+  if (m_Fd) return Result::kHeld;
+  korvex::CFd fd(::open(toolRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) {
     if (error != nullptr) *error = "cannot open " + toolRoot + ": " + std::strerror(errno);
     return Result::kFailed;
   }
-  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+  if (KORVEX_RETRY(::flock(fd.Get(), LOCK_EX | LOCK_NB)) != 0) {
     const int why = errno;
-    ::close(fd);
     if (why == EWOULDBLOCK) return Result::kBusy;
     if (error != nullptr) *error = "cannot lock " + toolRoot + ": " + std::strerror(why);
     return Result::kFailed;
   }
-  m_Fd = fd;
+  m_Fd = std::move(fd);
   return Result::kHeld;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "host/HostControl.h"
+#include "util/Fd.h"
 
 #include <cstddef>
 #include <string>
@@ -33,7 +34,6 @@ class CCollectionLock {
  public:
   enum class Result { kHeld, kBusy, kFailed };
   CCollectionLock() = default;
-  ~CCollectionLock();
   CCollectionLock(const CCollectionLock&) = delete;
   CCollectionLock& operator=(const CCollectionLock&) = delete;
 
@@ -41,5 +41,5 @@ class CCollectionLock {
   Result Acquire(const std::string& toolRoot, std::string* error);
 
  private:
-  int m_Fd = -1;
+  korvex::CFd m_Fd;
 };

@@ -4,8 +4,10 @@
 #include "host/HostControl.h"
 #include "host/emhost/cli/EmHost.h"
 #include "host/emhost/cli/Options.h"
-#include "host/emhost/serve/Signals.h"
 #include "host/emhost/cli/ToolReport.h"
+#include "host/emhost/serve/Signals.h"
+#include "module/Protocol.h"
+#include "util/Fd.h"
 
 #include <cstdio>
 #include <exception>
@@ -35,12 +37,65 @@ void MakeDirectories(const std::string& path) {
 void OpenMissingStandardStreams() {
   for (int fd = 0; fd < 3; ++fd) {
     if (::fcntl(fd, F_GETFD) >= 0) continue;
-    const int null = ::open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY);
-    if (null >= 0 && null != fd) {
-      ::dup2(null, fd);
-      ::close(null);
-    }
+    korvex::CFd null(::open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY));
+    // The lowest free number: it may already be fd itself, which stays open.
+    if (null.Get() == fd) null.Release();
+    if (null) ::dup2(null.Get(), fd);
   }
+}
+
+// The trace switch, level and sink; false (reported) when the trace file
+// cannot be opened.
+bool SetUpTrace(const CEmHostOptions& options) {
+  halvane::SetDebugName("em-host");
+  halvane::SetTraceLevel(options.m_TraceLevel);
+  halvane::SetTraceSwitch(options.m_TraceLevel != 0);
+  if (options.m_TraceFile.empty() || options.m_TraceFile == "-") {
+    halvane::TraceToStderr();
+    return true;
+  }
+  std::string error;
+  if (halvane::TraceToFile(options.m_TraceFile.c_str(), &error)) return true;
+  std::fprintf(stderr, "em-host: cannot open the trace file: %s\n", error.c_str());
+  return false;
+}
+
+// The configuration store: the tool root given, or the file loaded; false
+// (reported) when the file cannot be loaded. Then where the tool's output
+// goes: its log, never em-host's own streams.
+bool SetUpConfiguration(const CEmHostOptions& options) {
+  halvane::ClearRegistry();
+  std::string error;
+  if (!options.m_ToolRoot.empty()) {
+    const std::string key =
+        halvane::ProductRootKey(korvex::kProductName) + "\\" + korvex::kSetupKey;
+    halvane::SetRegistryValue(key, korvex::kFileRootValue, options.m_ToolRoot);
+  } else if (!options.m_RegistryFile.empty() &&
+             !halvane::LoadRegistryFile(options.m_RegistryFile.c_str(), &error)) {
+    std::fprintf(stderr, "em-host: cannot load the configuration store: %s\n", error.c_str());
+    return false;
+  }
+  std::string toolRoot;
+  if (!options.m_ToolLog.empty()) {
+    halvane::SetToolLog(options.m_ToolLog);
+  } else if (ConfiguredToolRoot(toolRoot)) {
+    halvane::SetToolLog(DefaultToolLogPath(toolRoot));
+  }
+  return true;
+}
+
+// Sets up the host services for options and runs their command.
+int Run(const CEmHostOptions& options, CSignalWatch& signals) {
+  if (!SetUpTrace(options)) return kExitSetup;
+  halvane::InstallThreadMonitor();
+  if (!SetUpConfiguration(options)) return kExitSetup;
+  if (options.m_Command == EmCommand::kTransfer || options.m_Command == EmCommand::kCollect ||
+      options.m_Command == EmCommand::kServe) {
+    MakeDirectories(options.m_BmcDir);
+  }
+  const int status = RunEmHostCommand(options, signals);
+  std::fflush(stdout);
+  return status;
 }
 
 }  // namespace
@@ -61,44 +116,7 @@ int main(int argc, char** argv) {
       std::fputs(EmHostUsage(), stdout);
       return 0;
     }
-
-    halvane::SetDebugName("em-host");
-    halvane::SetTraceLevel(options.m_TraceLevel);
-    halvane::SetTraceSwitch(options.m_TraceLevel != 0);
-    if (options.m_TraceFile.empty() || options.m_TraceFile == "-") {
-      halvane::TraceToStderr();
-    } else if (!halvane::TraceToFile(options.m_TraceFile.c_str(), &error)) {
-      std::fprintf(stderr, "em-host: cannot open the trace file: %s\n", error.c_str());
-      return kExitSetup;
-    }
-    halvane::InstallThreadMonitor();
-
-    halvane::ClearRegistry();
-    if (!options.m_ToolRoot.empty()) {
-      halvane::SetRegistryValue(halvane::ProductRootKey("Korvex") + "\\Setup", "FileRoot",
-                                options.m_ToolRoot);
-    } else if (!options.m_RegistryFile.empty() &&
-               !halvane::LoadRegistryFile(options.m_RegistryFile.c_str(), &error)) {
-      std::fprintf(stderr, "em-host: cannot load the configuration store: %s\n", error.c_str());
-      return kExitSetup;
-    }
-
-    // The tool's output goes to its log, never to em-host's own streams.
-    std::string toolRoot;
-    if (!options.m_ToolLog.empty()) {
-      halvane::SetToolLog(options.m_ToolLog);
-    } else if (ConfiguredToolRoot(toolRoot)) {
-      halvane::SetToolLog(DefaultToolLogPath(toolRoot));
-    }
-
-    if (options.m_Command == EmCommand::kTransfer || options.m_Command == EmCommand::kCollect ||
-        options.m_Command == EmCommand::kServe) {
-      MakeDirectories(options.m_BmcDir);
-    }
-
-    const int status = RunEmHostCommand(options, signals);
-    std::fflush(stdout);
-    return status;
+    return Run(options, signals);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "em-host: %s\n", e.what());
     return kExitSetup;

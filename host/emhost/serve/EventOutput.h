@@ -6,6 +6,8 @@
 // the module, which ends the running tool.
 #pragma once
 
+#include "util/Fd.h"
+
 #include <cstdio>
 
 class CEventOutput {
@@ -23,8 +25,16 @@ class CEventOutput {
   long Write(const char* data, unsigned long size);
 
  private:
-  int m_Fd;  // where the bytes go: a non-blocking copy, or fd itself
-  bool m_OwnFd = false;
+  // Opens a pipe or terminal anew, non-blocking, into m_Copy.
+  void OpenNonBlockingCopy(int fd);
+  // Some of data (at least one byte, or -1 with errno).
+  long WriteSome(const char* data, unsigned long size);
+  // Waits until the reader has room; false when a signal is pending or
+  // the descriptor failed.
+  bool WaitForRoom();
+
+  korvex::CFd m_Copy;  // the non-blocking copy of a pipe or terminal, if one was made
+  int m_Fd;            // where the bytes go: m_Copy, or fd itself
   bool m_Socket = false;
   int m_SignalFd;
   std::FILE* m_Stream = nullptr;

@@ -2,25 +2,24 @@
 #include "host/emhost/serve/ServeSession.h"
 
 #include "frame/ExtensionModule.h"
-#include "host/emhost/cli/EmHost.h"
-#include "host/emhost/serve/JsonText.h"
 #include "host/emhost/loader/ModuleHost.h"
+#include "host/emhost/serve/Events.h"
 #include "host/emhost/serve/Signals.h"
 #include "host/emhost/serve/Utf8Check.h"
 #include "message/DataStruct.h"
 #include "message/SipJson.h"
 #include "module/Protocol.h"
+#include "util/Fd.h"
 
-#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <exception>
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
+
+// How much of the input one read takes.
+constexpr std::size_t kReadBytes = 1u << 16;
 
 bool Blank(const char* text, std::size_t length) {
   for (std::size_t i = 0; i < length; ++i) {
@@ -67,74 +66,82 @@ CServeSession::CServeSession(CModuleLibrary& library, CModuleInstance& instance,
       m_Signals(signals),
       m_InputFd(inputFd),
       m_Output(output),
-      m_WakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (m_WakeFd < 0) throw std::runtime_error(std::string("eventfd: ") + std::strerror(errno));
+      m_ReadBuffer(kReadBytes) {
   m_Switch.SetListener(this);
 }
 
-CServeSession::~CServeSession() {
-  m_Switch.SetListener(nullptr);
-  ::close(m_WakeFd);
-}
+CServeSession::~CServeSession() { m_Switch.SetListener(nullptr); }
 
 int CServeSession::Run() {
-  std::string line;
-  bool discarding = false;  // the rest of a line that was refused as too long
-  std::vector<char> buffer(1u << 16);
-  bool quit = false;
-  while (!quit && m_Signal == 0) {
+  bool goOn = true;
+  while (goOn && m_Signal == 0) {
     // Acks of the lines read so far go out before the session waits for
     // more input (see Emit).
     FlushOutput();
-    pollfd fds[2] = {{m_InputFd, POLLIN, 0}, {m_Signals.Fd(), POLLIN, 0}};
-    if (::poll(fds, 2, -1) < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    if ((fds[1].revents & POLLIN) != 0) {
-      m_Signal = m_Signals.Take();
-      if (m_Signal != 0) break;
-    }
-    if (fds[0].revents == 0) continue;
-    const ssize_t got = ::read(m_InputFd, buffer.data(), buffer.size());
-    if (got < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-    if (got <= 0) {
-      // End of input: a last line without its line break still counts.
-      if (!discarding && !line.empty()) {
-        const LineResult result = HandleLine(line.data(), line.size());
-        if (result == LineResult::kSignal) break;
-      }
-      break;
-    }
-    const char* data = buffer.data();
-    std::size_t left = static_cast<std::size_t>(got);
-    while (left > 0 && !quit && m_Signal == 0) {
-      const char* newline = static_cast<const char*>(std::memchr(data, '\n', left));
-      const std::size_t piece =
-          newline != nullptr ? static_cast<std::size_t>(newline - data) : left;
-      if (discarding) {
-        if (newline != nullptr) discarding = false;
-      } else if (line.size() + piece > kMaxLineBytes) {
-        ++m_LineNumber;
-        EmitError("line longer than " + std::to_string(kMaxLineBytes) + " bytes");
-        line.clear();
-        discarding = newline == nullptr;
-      } else {
-        line.append(data, piece);
-        if (newline != nullptr) {
-          const LineResult result = HandleLine(line.data(), line.size());
-          line.clear();
-          quit = result == LineResult::kQuit;
-          if (result == LineResult::kSignal) break;
-        }
-      }
-      const std::size_t used = newline != nullptr ? piece + 1 : piece;
-      data += used;
-      left -= used;
+    switch (WaitForInput()) {
+      case Input::kReadable:
+        goOn = ReadInput();
+        break;
+      case Input::kAgain:
+        break;
+      case Input::kSignal:
+        goOn = false;
+        break;
     }
   }
   Finish();
   return m_Signal != 0 ? ExitStatusForSignal(m_Signal) : 0;
+}
+
+CServeSession::Input CServeSession::WaitForInput() {
+  // The input descriptor stands in the waiter's wake-up place. A hang-up
+  // or an error on it (kError) is left to the read, which then reports the
+  // end of input or the error.
+  const korvex::CWaiter waiter(m_InputFd, m_Signals.Fd());
+  if (waiter.Wait() != korvex::CWaiter::Woken::kSignal) return Input::kReadable;
+  m_Signal = m_Signals.Take();
+  return m_Signal != 0 ? Input::kSignal : Input::kAgain;
+}
+
+bool CServeSession::ReadInput() {
+  const ssize_t got = KORVEX_RETRY(::read(m_InputFd, m_ReadBuffer.data(), m_ReadBuffer.size()));
+  if (got < 0 && errno == EAGAIN) return true;
+  if (got > 0) return Consume(m_ReadBuffer.data(), static_cast<std::size_t>(got));
+  // End of input: a last line without its line break still counts.
+  if (!m_Discarding && !m_Line.empty()) HandleLine(m_Line.data(), m_Line.size());
+  return false;
+}
+
+bool CServeSession::Consume(const char* data, std::size_t size) {
+  while (size > 0 && m_Signal == 0) {
+    const char* newline = static_cast<const char*>(std::memchr(data, '\n', size));
+    const std::size_t piece = newline != nullptr ? static_cast<std::size_t>(newline - data) : size;
+    if (TakePiece(data, piece, newline != nullptr) != LineResult::kGoOn) return false;
+    const std::size_t used = newline != nullptr ? piece + 1 : piece;
+    data += used;
+    size -= used;
+  }
+  return m_Signal == 0;
+}
+
+CServeSession::LineResult CServeSession::TakePiece(const char* data, std::size_t size,
+                                                   bool complete) {
+  if (m_Discarding) {
+    m_Discarding = !complete;
+    return LineResult::kGoOn;
+  }
+  if (m_Line.size() + size > kMaxLineBytes) {
+    ++m_LineNumber;
+    EmitError("line longer than " + std::to_string(kMaxLineBytes) + " bytes");
+    m_Line.clear();
+    m_Discarding = !complete;
+    return LineResult::kGoOn;
+  }
+  m_Line.append(data, size);
+  if (!complete) return LineResult::kGoOn;
+  const LineResult result = HandleLine(m_Line.data(), m_Line.size());
+  m_Line.clear();
+  return result;
 }
 
 void CServeSession::Finish() {
@@ -172,7 +179,7 @@ CServeSession::LineResult CServeSession::HandleLine(const char* text, std::size_
     return LineResult::kGoOn;
   }
   const JsonValue::ConstMemberIterator idMember = root.FindMember("id");
-  const std::string id = idMember != root.MemberEnd() ? CompactJson(idMember->value) : "null";
+  const std::string id = idMember != root.MemberEnd() ? CompactJson(idMember->value) : kNoId;
   const bool isRequest = root.HasMember("request");
   const bool isControl = root.HasMember("control");
   if (isRequest && isControl) {
@@ -185,6 +192,20 @@ CServeSession::LineResult CServeSession::HandleLine(const char* text, std::size_
   return LineResult::kGoOn;
 }
 
+bool CServeSession::RequestIndex(const JsonValue& line, unsigned int& index) {
+  index = 0;
+  const JsonValue::ConstMemberIterator member = line.FindMember("index");
+  if (member == line.MemberEnd()) return true;
+  // The module pads the command list up to the index: a huge or negative
+  // index would have it allocate without end.
+  if (!member->value.IsUint() || member->value.GetUint() > kMaxIndex) {
+    EmitError("\"index\" must be an integer from 0 to " + std::to_string(kMaxIndex));
+    return false;
+  }
+  index = member->value.GetUint();
+  return true;
+}
+
 CServeSession::LineResult CServeSession::HandleRequest(JsonValue& line, const std::string& id) {
   JsonValue& request = line["request"];
   if (!request.IsObject()) {
@@ -192,16 +213,7 @@ CServeSession::LineResult CServeSession::HandleRequest(JsonValue& line, const st
     return LineResult::kGoOn;
   }
   unsigned int index = 0;
-  const JsonValue::ConstMemberIterator indexMember = line.FindMember("index");
-  if (indexMember != line.MemberEnd()) {
-    // The module pads the command list up to the index: a huge or negative
-    // index would have it allocate without end.
-    if (!indexMember->value.IsUint() || indexMember->value.GetUint() > kMaxIndex) {
-      EmitError("\"index\" must be an integer from 0 to " + std::to_string(kMaxIndex));
-      return LineResult::kGoOn;
-    }
-    index = indexMember->value.GetUint();
-  }
+  if (!RequestIndex(line, index)) return LineResult::kGoOn;
 
   SipJson message;
   // The message the module gets is exactly the one on the line, fractional
@@ -214,21 +226,17 @@ CServeSession::LineResult CServeSession::HandleRequest(JsonValue& line, const st
   message.m_CmdIndex = static_cast<int>(index);
 
   const std::uint64_t tag = m_Pending.Add(id);
-  std::string ack;
   bool queued = false;
   try {
     const int result = m_Switch.Deliver(m_Instance.Module(), message, tag);
     // Taken (result 1) and answered "queued" (status 22): a reply follows.
     // A status that only reads as 22 because nothing was written does not count.
-    queued = result == 1 && message.Status() == 22;
-    ack = "{\"id\":" + id + ",\"event\":\"ack\",\"result\":" + std::to_string(result) +
-          ",\"message\":" + message.ToJson() + "}";
+    queued = result == 1 && message.Status() == korvex::kStatusQueued;
+    Emit(AckEvent(id, result, message.Document()), false);
   } catch (...) {
-    ack.clear();
     EmitError("the module threw while taking the request: " +
               ExceptionText(std::current_exception()));
   }
-  if (!ack.empty()) Emit(ack, false);
   // Only now may the request's reply be written: it follows its ack.
   m_Pending.Acknowledged(tag, queued);
   return LineResult::kGoOn;
@@ -245,108 +253,106 @@ CServeSession::LineResult CServeSession::HandleControl(const JsonValue& line,
     return LineResult::kGoOn;
   }
   const std::string name(control.GetString(), control.GetStringLength());
-  auto parameter = [&](const char* key, unsigned int& out, bool required) {
-    const JsonValue::ConstMemberIterator member = line.FindMember(key);
-    if (member == line.MemberEnd()) {
-      if (required) {
-        EmitError("control " + name + " needs \"" + key + "\" (an unsigned 32-bit number)");
-      }
-      return !required;
-    }
-    if (!member->value.IsUint()) {
-      EmitError("control " + name + ": \"" + key + "\" must be an unsigned 32-bit number");
-      return false;
-    }
-    out = member->value.GetUint();
-    return true;
-  };
-
   long long result = 0;
   LineResult next = LineResult::kGoOn;
   try {
-    if (name == "start") {
-      m_Switch.AllowHandlers();
-      result = m_Instance.Start(&m_Switch, kKorvexModuleId);
-    } else if (name == "stop") {
-      // A copy in flight is cancelled first; after Stop no reply comes.
-      m_Switch.StopHandlers();
-      result = m_Instance.Stop();
-      m_Pending.DropAll();
-    } else if (name == "notify") {
-      unsigned int code = 0;
-      if (!parameter("code", code, true)) return LineResult::kGoOn;
-      result = m_Instance.Module().Notify(code, nullptr, nullptr);
-    } else if (name == "cabinet") {
-      unsigned int nr = 0;
-      if (!parameter("nr", nr, true)) return LineResult::kGoOn;
-      result = m_Instance.Module().SetServerCabinetNumber(nr);
-    } else if (name == "setup") {
-      unsigned int action = 0;
-      if (!parameter("action", action, true)) return LineResult::kGoOn;
-      result = m_Library.SetupAction(action);
-    } else if (name == "wait") {
-      unsigned int timeoutMs = kDefaultWaitMs;
-      if (!parameter("timeout_ms", timeoutMs, false)) return LineResult::kGoOn;
-      const int waited = WaitForReplies(timeoutMs);
-      if (waited < 0) return LineResult::kSignal;
-      result = waited;
-    } else if (name == "quit") {
-      result = 1;
-      next = LineResult::kQuit;
-    } else {
-      EmitError("unknown control \"" + name +
-                "\" (start, stop, notify, cabinet, setup, wait, quit)");
-      return LineResult::kGoOn;
-    }
+    if (!RunControl(name, line, result, next)) return LineResult::kGoOn;
   } catch (...) {
     EmitError("control " + name + ": the module threw: " + ExceptionText(std::current_exception()));
     return LineResult::kGoOn;
   }
-  Emit("{\"id\":" + id + ",\"event\":\"control\",\"control\":" + JsonQuote(name) +
-       ",\"result\":" + std::to_string(result) + "}");
+  // A wait ended by a signal has no answer: the session ends.
+  if (next != LineResult::kSignal) Emit(ControlEvent(id, name, result));
   return next;
 }
 
-int CServeSession::WaitForReplies(unsigned int timeoutMs) {
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-  for (;;) {
-    if (m_Pending.Waiting() == 0) return 1;
-    const Clock::time_point now = Clock::now();
-    if (now >= deadline) return 0;
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now);
-    pollfd fds[2] = {{m_WakeFd, POLLIN, 0}, {m_Signals.Fd(), POLLIN, 0}};
-    const int timeout = static_cast<int>(std::min<long long>(left.count() + 1, 1000000));
-    if (::poll(fds, 2, timeout) < 0 && errno != EINTR) return 0;
-    if ((fds[1].revents & POLLIN) != 0) {
-      m_Signal = m_Signals.Take();
-      if (m_Signal != 0) return -m_Signal;
+bool CServeSession::RunControl(const std::string& name, const JsonValue& line, long long& result,
+                               LineResult& next) {
+  unsigned int value = 0;
+  if (name == "start") {
+    m_Switch.AllowHandlers();
+    result = m_Instance.Start(&m_Switch, kKorvexModuleId);
+  } else if (name == "stop") {
+    // A copy in flight is cancelled first; after Stop no reply comes.
+    m_Switch.StopHandlers();
+    result = m_Instance.Stop();
+    m_Pending.DropAll();
+  } else if (name == "notify") {
+    if (!ControlParameter(line, name, "code", value, true)) return false;
+    result = m_Instance.Module().Notify(value, nullptr, nullptr);
+  } else if (name == "cabinet") {
+    if (!ControlParameter(line, name, "nr", value, true)) return false;
+    result = m_Instance.Module().SetServerCabinetNumber(value);
+  } else if (name == "setup") {
+    if (!ControlParameter(line, name, "action", value, true)) return false;
+    result = m_Library.SetupAction(value);
+  } else if (name == "wait") {
+    value = kDefaultWaitMs;
+    if (!ControlParameter(line, name, "timeout_ms", value, false)) return false;
+    result = WaitForReplies(value);
+    if (result < 0) next = LineResult::kSignal;
+  } else if (name == "quit") {
+    result = 1;
+    next = LineResult::kQuit;
+  } else {
+    EmitError("unknown control \"" + name + "\" (start, stop, notify, cabinet, setup, wait, quit)");
+    return false;
+  }
+  return true;
+}
+
+bool CServeSession::ControlParameter(const JsonValue& line, const std::string& name,
+                                     const char* key, unsigned int& out, bool required) {
+  const JsonValue::ConstMemberIterator member = line.FindMember(key);
+  if (member == line.MemberEnd()) {
+    if (required) {
+      EmitError("control " + name + " needs \"" + key + "\" (an unsigned 32-bit number)");
     }
-    if ((fds[0].revents & POLLIN) != 0) {
-      std::uint64_t count;
-      if (::read(m_WakeFd, &count, sizeof(count)) < 0) {
-        // Nothing to drain (another wake-up took it); the loop looks again.
-      }
+    return !required;
+  }
+  if (!member->value.IsUint()) {
+    EmitError("control " + name + ": \"" + key + "\" must be an unsigned 32-bit number");
+    return false;
+  }
+  out = member->value.GetUint();
+  return true;
+}
+
+int CServeSession::WaitForReplies(unsigned int timeoutMs) {
+  using Woken = korvex::CWaiter::Woken;
+  const korvex::CWaiter::Clock::time_point deadline =
+      korvex::CWaiter::Clock::now() + std::chrono::milliseconds(timeoutMs);
+  const korvex::CWaiter waiter(m_Replied.Fd(), m_Signals.Fd());
+  while (m_Pending.Waiting() != 0) {
+    switch (waiter.WaitUntil(deadline)) {
+      case Woken::kWake:
+        m_Replied.Drain();
+        break;
+      case Woken::kSignal:
+        m_Signal = m_Signals.Take();
+        if (m_Signal != 0) return -m_Signal;
+        break;
+      case Woken::kDeadline:
+      case Woken::kError:
+        return 0;
     }
   }
+  return 1;
 }
 
 void CServeSession::OnReply(std::uint64_t tag, SipJson& message) {
-  std::string id = "null";
+  std::string id = kNoId;
   const bool known = m_Pending.IdForReply(tag, id);
-  Emit("{\"id\":" + id + ",\"event\":\"reply\",\"message\":" + message.ToJson() + "}");
+  Emit(ReplyEvent(id, message.Document()));
   // Forgotten only now: a wait control must not report "all answered"
   // before the reply line is out.
   if (known) m_Pending.Replied(tag);
-  const std::uint64_t one = 1;
-  if (::write(m_WakeFd, &one, sizeof(one)) < 0) {
-    // The counter is full only if nobody reads it; a waiter wakes anyway.
-  }
+  m_Replied.Notify();
 }
 
 void CServeSession::OnRouted(unsigned int opcode, SipJson& request) {
   if (opcode != korvex::kOpcodeHtiFileTransfer) return;
-  Emit("{\"event\":\"transfer\",\"message\":" + request.ToJson() + "}");
+  Emit(TransferEvent(request.Document()));
 }
 
 void CServeSession::Emit(const std::string& line, bool flushNow) {
@@ -375,7 +381,4 @@ void CServeSession::FlushOutput() {
   if (std::fflush(m_Output) != 0) m_OutputBroken = true;
 }
 
-void CServeSession::EmitError(const std::string& text) {
-  Emit("{\"event\":\"error\",\"line\":" + std::to_string(m_LineNumber) +
-       ",\"error\":" + JsonQuote(text) + "}");
-}
+void CServeSession::EmitError(const std::string& text) { Emit(ErrorEvent(m_LineNumber, text)); }

@@ -13,18 +13,23 @@
 //   {"event":"error","line":N,"error":TEXT}             a line refused; the session goes on
 #pragma once
 
-#include "host/emhost/switch/HostSwitch.h"
 #include "host/emhost/serve/PendingRequests.h"
+#include "host/emhost/switch/HostSwitch.h"
 #include "message/JsonTypes.h"
+#include "util/Waiter.h"
 
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <vector>
 
 class CModuleInstance;
 class CModuleLibrary;
 class CSignalWatch;
+
+// The module id em-host gives the module in Start (layer 1, index 1).
+constexpr unsigned int kKorvexModuleId = 0x00010001u;
 
 class CServeSession : public CISwitchListener {
  public:
@@ -59,11 +64,30 @@ class CServeSession : public CISwitchListener {
 
  private:
   enum class LineResult { kGoOn, kQuit, kSignal };
+  enum class Input { kReadable, kAgain, kSignal };
 
+  // Waits for input or a signal (which it takes into m_Signal).
+  Input WaitForInput();
+  // Reads what is there and handles every complete line; false when the
+  // session ends (end of input, quit, a signal).
+  bool ReadInput();
+  bool Consume(const char* data, std::size_t size);
+  // One piece of a line up to a line break (complete) or the end of the
+  // data read; handles the line once it is complete.
+  LineResult TakePiece(const char* data, std::size_t size, bool complete);
   LineResult HandleLine(const char* text, std::size_t length);
   // Moves the line's "request" into the message it delivers.
   LineResult HandleRequest(JsonValue& line, const std::string& id);
+  // The request's "index", 0 when absent; false (reported) when refused.
+  bool RequestIndex(const JsonValue& line, unsigned int& index);
   LineResult HandleControl(const JsonValue& line, const std::string& id);
+  // Runs the control name; false when it was refused (the error is out).
+  bool RunControl(const std::string& name, const JsonValue& line, long long& result,
+                  LineResult& next);
+  // The control's unsigned parameter key; false (reported) when it is
+  // malformed, or missing while required.
+  bool ControlParameter(const JsonValue& line, const std::string& name, const char* key,
+                        unsigned int& out, bool required);
   // Waits up to timeoutMs until every request acknowledged with 22 has
   // its reply: 1 when they have, 0 on time-out, -signo on a signal.
   int WaitForReplies(unsigned int timeoutMs);
@@ -85,9 +109,15 @@ class CServeSession : public CISwitchListener {
   CSignalWatch& m_Signals;
   int m_InputFd;
   std::FILE* m_Output;
-  int m_WakeFd;  // eventfd: a reply came in
+  korvex::CWakeEvent m_Replied;  // a reply came in
   int m_Signal = 0;
   unsigned long m_LineNumber = 0;
+
+  // The input: what was read, the line collected so far, and whether the
+  // rest of a line refused as too long is being skipped.
+  std::vector<char> m_ReadBuffer;
+  std::string m_Line;
+  bool m_Discarding = false;
 
   std::mutex m_OutputMutex;
   bool m_OutputBroken = false;

@@ -1,6 +1,8 @@
 // signalfd-based signal delivery for em-host's main thread.
 #include "host/emhost/serve/Signals.h"
 
+#include "util/Fd.h"
+
 #include <cerrno>
 #include <cstring>
 #include <signal.h>
@@ -9,7 +11,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-CSignalWatch::CSignalWatch(const int* first, const int* last) : m_Fd(-1) {
+CSignalWatch::CSignalWatch(const int* first, const int* last) {
   sigset_t set;
   sigemptyset(&set);
   // By default every signal whose default would end em-host at once and
@@ -21,20 +23,12 @@ CSignalWatch::CSignalWatch(const int* first, const int* last) : m_Fd(-1) {
     throw std::runtime_error("cannot block signals");
   }
   sigdelset(&set, SIGPIPE);
-  m_Fd = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-  if (m_Fd < 0) throw std::runtime_error(std::string("signalfd: ") + std::strerror(errno));
-}
-
-CSignalWatch::~CSignalWatch() {
-  if (m_Fd >= 0) ::close(m_Fd);
+  m_Fd.Reset(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+  if (!m_Fd) throw std::runtime_error(std::string("signalfd: ") + std::strerror(errno));
 }
 
 int CSignalWatch::Take() {
   signalfd_siginfo info;
-  for (;;) {
-    const ssize_t got = ::read(m_Fd, &info, sizeof(info));
-    if (got == static_cast<ssize_t>(sizeof(info))) return static_cast<int>(info.ssi_signo);
-    if (got < 0 && errno == EINTR) continue;
-    return 0;
-  }
+  const ssize_t got = KORVEX_RETRY(::read(m_Fd.Get(), &info, sizeof(info)));
+  return got == static_cast<ssize_t>(sizeof(info)) ? static_cast<int>(info.ssi_signo) : 0;
 }

@@ -7,6 +7,8 @@
 // Children do not inherit the mask: the host's process service resets it.
 #pragma once
 
+#include "util/Fd.h"
+
 #include <csignal>
 #include <iterator>
 
@@ -24,17 +26,16 @@ class CSignalWatch {
   // em-host's parts that uses some of the ending signals itself (a fuzzing
   // driver's SIGALRM time-out).
   CSignalWatch(const int* first, const int* last);
-  ~CSignalWatch();
   CSignalWatch(const CSignalWatch&) = delete;
   CSignalWatch& operator=(const CSignalWatch&) = delete;
 
   // The descriptor to poll for POLLIN.
-  int Fd() const { return m_Fd; }
+  int Fd() const { return m_Fd.Get(); }
   // Reads one pending signal; its number, or 0 when none is pending.
   int Take();
 
  private:
-  int m_Fd;
+  korvex::CFd m_Fd;
 };
 
 // The exit status of a program ended because of signal signo (130 for SIGINT).

@@ -1,8 +1,4 @@
-// Tests of what the command line and serve add around a transfer: the
-// progress text, the default "TO" of the command line, and serve's
-// bookkeeping of requests that may still be answered.
-#include "host/emhost/cli/Options.h"
-#include "host/emhost/cli/ProgressText.h"
+// serve's bookkeeping of requests whose reply may still come.
 #include "host/emhost/serve/PendingRequests.h"
 
 #include <gtest/gtest.h>
@@ -10,26 +6,6 @@
 #include <chrono>
 #include <string>
 #include <thread>
-
-// ----- texts and defaults -------------------------------------------------------------
-
-TEST(EmHostProgressText, BytesShareAndRate) {
-  EXPECT_EQ(ByteCount(512), "512 B");
-  EXPECT_EQ(ByteCount(3u << 20), "3.0 MiB");
-  EXPECT_EQ(TransferProgressText(1u << 30, 4ull << 30, 2.0), "1.0 GiB of 4.0 GiB (25 %), 537 MB/s");
-  EXPECT_EQ(TransferProgressText(100, 0, 0.0), "100 B");
-}
-
-TEST(EmHostOptions, DefaultTransferTimeoutLeavesRoomForASlowDisk) {
-  EXPECT_EQ(DefaultTransferTimeout(0), 60u);
-  EXPECT_EQ(DefaultTransferTimeout(1), 61u);
-  EXPECT_EQ(DefaultTransferTimeout(20000000), 61u);
-  EXPECT_EQ(DefaultTransferTimeout(4ull << 30), 60u + 215u);  // 4 GiB at 20 MB/s
-  EXPECT_EQ(DefaultTransferTimeout(1ull << 40), 55036u);
-  EXPECT_EQ(DefaultTransferTimeout(~0ull - 1000000000ull), 65535u);
-}
-
-// ----- serve's bookkeeping -------------------------------------------------------------
 
 TEST(EmHostPendingRequests, AnsweredAndUnanswerableRequestsAreForgotten) {
   CPendingRequests pending;
