@@ -3,10 +3,14 @@
 // CFd owns one descriptor and closes it exactly once; KORVEX_RETRY repeats a
 // call that failed with EINTR. close() is never retried: Linux releases the
 // descriptor even when close reports EINTR, and a retry could close a
-// descriptor another thread has just been given.
+// descriptor another thread has just been given. WriteAll and ReadExactly
+// move a whole buffer through short transfers and interruptions; they are
+// plain system calls, so a forked child may use them before it execs.
 #pragma once
 
 #include <cerrno>
+#include <cstddef>
+#include <string>
 #include <unistd.h>
 #include <utility>
 
@@ -24,6 +28,46 @@ auto RetryOnEintr(Call&& call) -> decltype(call()) {
 
 // KORVEX_RETRY(::read(fd, buffer, size)): the expression, again on EINTR.
 #define KORVEX_RETRY(expression) ::korvex::RetryOnEintr([&]() { return (expression); })
+
+// Writes all size bytes; false (errno set) when a write fails or writes
+// nothing. Async-signal-safe.
+inline bool WriteAll(int fd, const void* data, std::size_t size) noexcept {
+  const char* next = static_cast<const char*>(data);
+  while (size > 0) {
+    const ssize_t written = KORVEX_RETRY(::write(fd, next, size));
+    if (written <= 0) return false;
+    next += written;
+    size -= static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+// Reads exactly size bytes; false at end of file before that or on an
+// error (errno set). Async-signal-safe.
+inline bool ReadExactly(int fd, void* data, std::size_t size) noexcept {
+  char* next = static_cast<char*>(data);
+  while (size > 0) {
+    const ssize_t got = KORVEX_RETRY(::read(fd, next, size));
+    if (got <= 0) return false;
+    next += got;
+    size -= static_cast<std::size_t>(got);
+  }
+  return true;
+}
+
+// Appends what fd yields up to its end to text, stopping early once text is
+// longer than limit (the caller tells the two apart by the size). 0, or the
+// errno of the read that failed; what came before the failure is kept.
+inline int ReadToEnd(int fd, std::string& text, std::size_t limit) {
+  char buffer[4096];
+  while (text.size() <= limit) {
+    const ssize_t got = KORVEX_RETRY(::read(fd, buffer, sizeof(buffer)));
+    if (got < 0) return errno;
+    if (got == 0) break;
+    text.append(buffer, static_cast<std::size_t>(got));
+  }
+  return 0;
+}
 
 // One owned file descriptor (-1: none).
 class CFd {
