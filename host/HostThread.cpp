@@ -11,9 +11,6 @@
 #include "frame/Trace.h"
 #include "host/HostControl.h"
 
-#include <pthread.h>
-#include <sched.h>
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -23,6 +20,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <pthread.h>
+#include <sched.h>
 
 CTHREADMONITOR* pThreadMonitor = nullptr;
 int ThreadCounter = 0;
@@ -44,10 +43,10 @@ struct CThreadRecord {
   void* m_Argument = nullptr;
   pthread_t m_Id{};
 
-  std::mutex m_Mutex;                  // guards m_Go and m_Ended
+  std::mutex m_Mutex;  // guards m_Go and m_Ended
   std::condition_variable m_Changed;
-  bool m_Go = false;                   // Start has finished the bookkeeping
-  bool m_Abandon = false;              // Start failed after creating: do not run
+  bool m_Go = false;       // Start has finished the bookkeeping
+  bool m_Abandon = false;  // Start failed after creating: do not run
   // The thread function returned or unwound. Written and read under
   // m_Mutex like m_Go, and atomic besides: a thread cancelled inside a
   // blocking call that ThreadSanitizer intercepts (a sleep, poll, read) is
@@ -139,7 +138,8 @@ CRecordPtr FindRecordLocked(const CThread& thread) {
   auto found = table.find(&thread);
   if (found == table.end()) return nullptr;
   CRecordPtr record = found->second;
-  if (thread.m_ThreadId != pthread_t{} && SameThread(record->m_Id, thread.m_ThreadId)) return record;
+  if (thread.m_ThreadId != pthread_t{} && SameThread(record->m_Id, thread.m_ThreadId))
+    return record;
   table.erase(found);
   if (!record->m_Claimed.exchange(true)) pthread_detach(record->m_Id);
   return nullptr;
@@ -278,7 +278,7 @@ int CThread::WaitForTermination(unsigned int timeoutMs) {
     std::lock_guard<std::mutex> lock(TableMutex());
     record = FindRecordLocked(*this);
   }
-  if (record == nullptr) return 1;  // no thread of this object runs
+  if (record == nullptr) return 1;                         // no thread of this object runs
   if (SameThread(record->m_Id, pthread_self())) return 0;  // a thread cannot outwait itself
 
   if (!WaitEnded(*record, timeoutMs)) return 0;
@@ -328,9 +328,9 @@ int CThread::Kill(unsigned int /*exitCode*/) {
       // disabled). Joining would block for good; the thread is given up and
       // left to end on its own, and the object forgets it.
       pthread_detach(record->m_Id);
-      KORVEX_TRACE(1, "\nCThread::Kill: ## WARNING: thread 0x%08X did not end within %d s - detached",
-                   static_cast<unsigned int>(record->m_Id),
-                   static_cast<int>(kKillUnwindLimit.count()));
+      KORVEX_TRACE(
+          1, "\nCThread::Kill: ## WARNING: thread 0x%08X did not end within %d s - detached",
+          static_cast<unsigned int>(record->m_Id), static_cast<int>(kKillUnwindLimit.count()));
     }
   }
   EraseRecord(*this, record);
