@@ -391,23 +391,18 @@ bool StartSupervisor(const CTreeLaunch& launch, CTreeChild& child, int* error) {
     if (error != nullptr) *error = code;
     return false;
   };
-  int report[2];
-  int lifeline[2];
-  if (::pipe2(report, O_CLOEXEC) != 0) return fail(errno);
-  korvex::CFd reportRead(report[0]);
-  korvex::CFd reportWrite(report[1]);
-  if (::pipe2(lifeline, O_CLOEXEC) != 0) return fail(errno);
-  korvex::CFd lifelineRead(lifeline[0]);
-  korvex::CFd lifelineWrite(lifeline[1]);
+  korvex::CPipeEnds report;
+  korvex::CPipeEnds lifeline;
+  if (!korvex::OpenPipe(report) || !korvex::OpenPipe(lifeline)) return fail(errno);
   const bool inNamespace = launch.m_TryNamespace && ::unshare(CLONE_NEWPID) == 0;
   const pid_t pid = ::fork();
   // The supervisor never returns (it ends in _exit), so no destructor of
   // this frame runs in it.
-  if (pid == 0) RunSupervisor(launch, report[1], lifeline[0], inNamespace);
+  if (pid == 0) RunSupervisor(launch, report.m_Write.Get(), lifeline.m_Read.Get(), inNamespace);
   if (pid < 0) return fail(errno);
   child.m_Pid = pid;
-  child.m_ReportFd = std::move(reportRead);
-  child.m_LifelineFd = std::move(lifelineWrite);
+  child.m_ReportFd = std::move(report.m_Read);
+  child.m_LifelineFd = std::move(lifeline.m_Write);
   child.m_Namespace = inNamespace;
   return true;
 }

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <fcntl.h>
 #include <string>
 #include <unistd.h>
 #include <utility>
@@ -29,30 +30,30 @@ auto RetryOnEintr(Call&& call) -> decltype(call()) {
 // KORVEX_RETRY(::read(fd, buffer, size)): the expression, again on EINTR.
 #define KORVEX_RETRY(expression) ::korvex::RetryOnEintr([&]() { return (expression); })
 
-// Writes all size bytes; false (errno set) when a write fails or writes
-// nothing. Async-signal-safe.
-inline bool WriteAll(int fd, const void* data, std::size_t size) noexcept {
-  const char* next = static_cast<const char*>(data);
-  while (size > 0) {
-    const ssize_t written = KORVEX_RETRY(::write(fd, next, size));
-    if (written <= 0) return false;
-    next += written;
-    size -= static_cast<std::size_t>(written);
+// Calls move(done) - one read or write of the bytes from done on - until
+// size bytes have moved; false (errno set) when a call fails or moves
+// nothing (end of file). Async-signal-safe.
+template <typename Move>
+bool MoveAll(std::size_t size, Move&& move) noexcept {
+  for (std::size_t done = 0; done < size;) {
+    const ssize_t moved = RetryOnEintr([&] { return move(done); });
+    if (moved <= 0) return false;
+    done += static_cast<std::size_t>(moved);
   }
   return true;
 }
 
+// Writes all size bytes; false (errno set) when a write fails.
+inline bool WriteAll(int fd, const void* data, std::size_t size) noexcept {
+  const char* bytes = static_cast<const char*>(data);
+  return MoveAll(size, [&](std::size_t done) { return ::write(fd, bytes + done, size - done); });
+}
+
 // Reads exactly size bytes; false at end of file before that or on an
-// error (errno set). Async-signal-safe.
+// error (errno set).
 inline bool ReadExactly(int fd, void* data, std::size_t size) noexcept {
-  char* next = static_cast<char*>(data);
-  while (size > 0) {
-    const ssize_t got = KORVEX_RETRY(::read(fd, next, size));
-    if (got <= 0) return false;
-    next += got;
-    size -= static_cast<std::size_t>(got);
-  }
-  return true;
+  char* bytes = static_cast<char*>(data);
+  return MoveAll(size, [&](std::size_t done) { return ::read(fd, bytes + done, size - done); });
 }
 
 // Appends what fd yields up to its end to text, stopping early once text is
@@ -99,5 +100,21 @@ class CFd {
  private:
   int m_Fd = -1;
 };
+
+// The two owned ends of a pipe.
+struct CPipeEnds {
+  CFd m_Read;
+  CFd m_Write;
+};
+
+// Makes a pipe (close-on-exec unless flags say otherwise); false (errno
+// set, ends untouched) when none could be made. Async-signal-safe.
+inline bool OpenPipe(CPipeEnds& ends, int flags = O_CLOEXEC) noexcept {
+  int fds[2];
+  if (::pipe2(fds, flags) != 0) return false;
+  ends.m_Read.Reset(fds[0]);
+  ends.m_Write.Reset(fds[1]);
+  return true;
+}
 
 }  // namespace korvex

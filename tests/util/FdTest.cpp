@@ -24,17 +24,12 @@ using korvex::CFd;
 
 bool IsOpen(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
 
-struct CPipe {
-  CFd m_Read;
-  CFd m_Write;
-  CPipe() {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) == 0) {
-      m_Read.Reset(ends[0]);
-      m_Write.Reset(ends[1]);
-    }
-  }
-};
+// A pipe, or a failed test.
+korvex::CPipeEnds Pipe() {
+  korvex::CPipeEnds ends;
+  EXPECT_TRUE(korvex::OpenPipe(ends));
+  return ends;
+}
 
 TEST(FdTest, EmptyHoldsNothing) {
   CFd fd;
@@ -46,7 +41,7 @@ TEST(FdTest, EmptyHoldsNothing) {
 TEST(FdTest, DestructorClosesTheDescriptor) {
   int number = -1;
   {
-    CPipe pipe;
+    auto pipe = Pipe();
     ASSERT_TRUE(pipe.m_Read.Valid());
     number = pipe.m_Read.Get();
     EXPECT_TRUE(static_cast<bool>(pipe.m_Read));
@@ -58,7 +53,7 @@ TEST(FdTest, DestructorClosesTheDescriptor) {
 // The number of a closed descriptor is handed out again at once; a second
 // close through a stale owner would close somebody else's descriptor.
 TEST(FdTest, MovedFromOwnerNeverClosesTheNumberAgain) {
-  CPipe pipe;
+  auto pipe = Pipe();
   ASSERT_TRUE(pipe.m_Read.Valid());
   const int number = pipe.m_Read.Get();
   CFd moved(std::move(pipe.m_Read));
@@ -78,8 +73,8 @@ TEST(FdTest, MovedFromOwnerNeverClosesTheNumberAgain) {
 }
 
 TEST(FdTest, MoveAssignmentClosesTheOldDescriptorAndTakesTheNew) {
-  CPipe first;
-  CPipe second;
+  auto first = Pipe();
+  auto second = Pipe();
   const int old = first.m_Read.Get();
   const int taken = second.m_Read.Get();
   first.m_Read = std::move(second.m_Read);
@@ -90,7 +85,7 @@ TEST(FdTest, MoveAssignmentClosesTheOldDescriptorAndTakesTheNew) {
 }
 
 TEST(FdTest, SelfMoveAssignmentKeepsTheDescriptor) {
-  CPipe pipe;
+  auto pipe = Pipe();
   const int number = pipe.m_Read.Get();
   CFd& alias = pipe.m_Read;
   pipe.m_Read = std::move(alias);
@@ -101,7 +96,7 @@ TEST(FdTest, SelfMoveAssignmentKeepsTheDescriptor) {
 TEST(FdTest, ReleaseGivesTheDescriptorUpWithoutClosingIt) {
   int number = -1;
   {
-    CPipe pipe;
+    auto pipe = Pipe();
     number = pipe.m_Read.Release();
     EXPECT_FALSE(pipe.m_Read.Valid());
   }
@@ -110,7 +105,7 @@ TEST(FdTest, ReleaseGivesTheDescriptorUpWithoutClosingIt) {
 }
 
 TEST(FdTest, ResetClosesTheOldAndHoldsTheNew) {
-  CPipe pipe;
+  auto pipe = Pipe();
   const int old = pipe.m_Read.Get();
   const int fresh = ::dup(pipe.m_Write.Get());
   ASSERT_GE(fresh, 0);
@@ -118,6 +113,35 @@ TEST(FdTest, ResetClosesTheOldAndHoldsTheNew) {
   EXPECT_FALSE(IsOpen(old));
   EXPECT_EQ(pipe.m_Read.Get(), fresh);
   EXPECT_TRUE(IsOpen(fresh));
+}
+
+TEST(FdTest, OpenPipeConnectsTwoCloseOnExecEnds) {
+  auto pipe = Pipe();
+  ASSERT_TRUE(pipe.m_Read.Valid());
+  ASSERT_TRUE(pipe.m_Write.Valid());
+  EXPECT_NE(::fcntl(pipe.m_Read.Get(), F_GETFD) & FD_CLOEXEC, 0);
+  EXPECT_NE(::fcntl(pipe.m_Write.Get(), F_GETFD) & FD_CLOEXEC, 0);
+  ASSERT_EQ(::write(pipe.m_Write.Get(), "p", 1), 1);
+  char byte = 0;
+  EXPECT_EQ(::read(pipe.m_Read.Get(), &byte, 1), 1);
+  EXPECT_EQ(byte, 'p');
+}
+
+TEST(FdTest, OpenPipeTakesTheFlagsGiven) {
+  korvex::CPipeEnds ends;
+  ASSERT_TRUE(korvex::OpenPipe(ends, O_NONBLOCK));
+  EXPECT_EQ(::fcntl(ends.m_Read.Get(), F_GETFD) & FD_CLOEXEC, 0);
+  char byte = 0;
+  EXPECT_EQ(::read(ends.m_Read.Get(), &byte, 1), -1);
+  EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST(FdTest, OpenPipeFailureLeavesTheEndsAlone) {
+  korvex::CPipeEnds ends;
+  EXPECT_FALSE(korvex::OpenPipe(ends, -1));  // no such flags
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_FALSE(ends.m_Read.Valid());
+  EXPECT_FALSE(ends.m_Write.Valid());
 }
 
 // ----- retry -----------------------------------------------------------------
@@ -144,7 +168,7 @@ class CInterruptingSignal {
 
 TEST(FdTest, RetryOnEintrCompletesAReadInterruptedBySignals) {
   CInterruptingSignal signal;
-  CPipe pipe;
+  auto pipe = Pipe();
   std::atomic<int> calls{0};
   char got[8] = {};
   ssize_t result = 0;
@@ -207,7 +231,7 @@ TEST(FdTest, RetryIgnoresAStaleEintrAfterSuccess) {
 // ----- whole-buffer reads and writes ----------------------------------------
 
 TEST(FdTest, WriteAllAndReadExactlyMoveEveryByte) {
-  CPipe pipe;
+  auto pipe = Pipe();
   const std::string text(5000, 'x');
   std::thread writer(
       [&] { EXPECT_TRUE(korvex::WriteAll(pipe.m_Write.Get(), text.data(), text.size())); });
@@ -218,7 +242,7 @@ TEST(FdTest, WriteAllAndReadExactlyMoveEveryByte) {
 }
 
 TEST(FdTest, ReadExactlyFailsAtEndOfFileBeforeTheBufferIsFull) {
-  CPipe pipe;
+  auto pipe = Pipe();
   ASSERT_TRUE(korvex::WriteAll(pipe.m_Write.Get(), "abc", 3));
   pipe.m_Write.Reset();
   char got[4];
@@ -226,7 +250,7 @@ TEST(FdTest, ReadExactlyFailsAtEndOfFileBeforeTheBufferIsFull) {
 }
 
 TEST(FdTest, WriteAllFailsWhenNobodyReads) {
-  CPipe pipe;
+  auto pipe = Pipe();
   pipe.m_Read.Reset();
   struct sigaction ignore {};
   struct sigaction old {};
@@ -238,7 +262,7 @@ TEST(FdTest, WriteAllFailsWhenNobodyReads) {
 }
 
 TEST(FdTest, ReadToEndAppendsUntilEndOfFile) {
-  CPipe pipe;
+  auto pipe = Pipe();
   std::thread writer([&] {
     for (int i = 0; i < 3; ++i) korvex::WriteAll(pipe.m_Write.Get(), "0123456789", 10);
     pipe.m_Write.Reset();
@@ -252,7 +276,7 @@ TEST(FdTest, ReadToEndAppendsUntilEndOfFile) {
 // A file larger than the limit is not read whole: the reading stops as soon
 // as the text is over the limit, and the caller sees that it is.
 TEST(FdTest, ReadToEndStopsOnceOverTheLimit) {
-  CPipe pipe;
+  auto pipe = Pipe();
   const std::string chunk(100, 'y');
   ASSERT_TRUE(korvex::WriteAll(pipe.m_Write.Get(), chunk.data(), chunk.size()));
   std::string text;
