@@ -1,6 +1,10 @@
 // The supervisor of a tool's process tree; see ProcessTree.h for what it
 // guarantees. The code below the fork runs in a child of a multithreaded
-// process: only system calls, on memory prepared before the fork.
+// process: only system calls, on memory prepared before the fork. Its
+// descriptors are plain numbers: it ends in _exit, where no destructor
+// runs, and it closes by hand the few it must give up early (a pipe's far
+// end, the output at its end); helpers that open and close within one call
+// (ParentOf, SignalDescendants) use CFd like the host side.
 #include "host/ProcessTree.h"
 
 #include "util/Fd.h"
