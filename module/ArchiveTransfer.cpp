@@ -48,13 +48,13 @@ bool EM_KORVEX::TransferArchiveToBmc(SipJson& request) {
   SipJson transfer;
   JsonValue& command = transfer.GetCmd();
   command.SetObject();
-  transfer.SetCmdValue(command, "OC", korvex::OPCODE_HTI_FILE_TRANSFER, 0);
+  transfer.SetCmdValue(command, "OC", korvex::kOpcodeHtiFileTransfer, 0);
   transfer.SetCmdValue(command, "OE", 0, 1);
   transfer.SetCmdValue(command, "OI", 0, 1);
   transfer.SetCmdValue(command, "TO", timeout, 1);
 
   CDataStruct data;
-  data.SetNumber("FileType", korvex::KORVEX_FILE_TYPE, 1);
+  data.SetNumber("FileType", korvex::kKorvexFileType, 1);
   data.SetString("LocalFilePath", m_ArchivePath.c_str());
   data.SetString("BmcFilePath", bmcLocalName.c_str());
 
@@ -69,7 +69,7 @@ bool EM_KORVEX::TransferArchiveToBmc(SipJson& request) {
                "(AsyncRequest)...");
   KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   local file: %s", m_ArchivePath.c_str());
   KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   BMC file:   %s", bmcLocalName.c_str());
-  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   file type:  %d (Korvex)", korvex::KORVEX_FILE_TYPE);
+  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   file type:  %d (Korvex)", korvex::kKorvexFileType);
   KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   timeout:    %d sec.", timeout);
 
   if (m_pSwitch != nullptr) {

@@ -6,9 +6,11 @@
 
 #include "frame/ExtensionModule.h"
 #include "message/SipJson.h"
+#include "module/Protocol.h"
 #include "tasks/TaskSerializer.h"
 #include "util/SVString.h"
 
+#include <ctime>
 #include <string>
 
 class EM_KORVEX : public CExtensionModule, public CTaskSerializer<SipJson> {
@@ -32,8 +34,11 @@ class EM_KORVEX : public CExtensionModule, public CTaskSerializer<SipJson> {
   void OnTaskExecution(SipJson& task, _TaskPriority priority) override;
 
   // Setup action of the product installer; 4 removes the archive and the
-  // tool's data directory. Needs no instance.
-  static unsigned int SetupAction(unsigned int action);
+  // tool's data directory (the fixed "/var/log/Korvex" unless the caller
+  // names another, as the unit tests do to run without root; null or empty:
+  // none). Needs no instance.
+  static unsigned int SetupAction(unsigned int action,
+                                  const char* dataDirectory = korvex::kDataDirectory);
 
   // The tool's installation root from the configuration store, always ending
   // in "/"; 1 found, 0 not.
@@ -45,14 +50,10 @@ class EM_KORVEX : public CExtensionModule, public CTaskSerializer<SipJson> {
   // into the request and returns true exactly when that status is 0.
   bool StartArchiveCreation(SipJson& request);
   bool TransferArchiveToBmc(SipJson& request);
-
-  // The tool's data directory removed by SetupAction(4): "/var/log/Korvex".
-  static const char* DataDirectory();
-  // Test hook, for the unit tests that link the module statically: points
-  // SetupAction at a scratch directory instead of "/var/log/Korvex" so the
-  // clean-up can be exercised without root. Null restores the fixed path.
-  // Hidden like everything else in the plug-in, so no host can reach it.
-  static void SetDataDirectoryForTests(const char* path);
+  // The steps of archive creation: the run unless another tool is in the
+  // way, and the tool's run itself; each returns the job's final status.
+  unsigned int CreateArchive(SipJson& request);
+  unsigned int RunTool(time_t startTime);
 
   // Own fields, after the two bases, in this order.
   unsigned int m_Installed;      // 1: Start found the executable; read by ModuleRequest
