@@ -10,6 +10,43 @@
 #include <string>
 #include <sys/stat.h>
 
+namespace {
+
+// The file-transfer request for the HTI module: opcode 0xF052 with the
+// archive, the name on the BMC side and the HTI module's time-out.
+void BuildHtiRequest(SipJson& transfer, const char* archivePath, const std::string& bmcName,
+                     unsigned int timeout) {
+  JsonValue& command = transfer.GetCmd();
+  command.SetObject();
+  transfer.SetCmdValue(command, "OC", korvex::kOpcodeHtiFileTransfer, 0);
+  transfer.SetCmdValue(command, "OE", 0, 1);
+  transfer.SetCmdValue(command, "OI", 0, 1);
+  transfer.SetCmdValue(command, "TO", timeout, 1);
+
+  CDataStruct data;
+  data.SetNumber("FileType", korvex::kKorvexFileType, 1);
+  data.SetString("LocalFilePath", archivePath);
+  data.SetString("BmcFilePath", bmcName.c_str());
+
+  command.RemoveMember("DA");
+  JsonValue dataCopy(rapidjson::kObjectType);
+  CRapidJsonUtil::CopyValue(dataCopy, static_cast<const JsonValue&>(data.Document()),
+                            transfer.Allocator());
+  command.AddMember(JsonValue(rapidjson::StringRef("DA")), dataCopy, transfer.Allocator());
+}
+
+void TraceHtiRequest(const char* archivePath, const std::string& bmcName, unsigned int timeout) {
+  KORVEX_TRACE(3,
+               "\nEM_KORVEX (Transfer): Sending Korvex archive transfer down to HTI module "
+               "(AsyncRequest)...");
+  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   local file: %s", archivePath);
+  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   BMC file:   %s", bmcName.c_str());
+  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   file type:  %d (Korvex)", korvex::kKorvexFileType);
+  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   timeout:    %d sec.", timeout);
+}
+
+}  // namespace
+
 bool EM_KORVEX::TransferArchiveToBmc(SipJson& request) {
   if (__atomic_load_n(&m_SwitchShutdown, __ATOMIC_RELAXED) != 0) {
     request.SetStatus(korvex::kStatusJobFailed);
@@ -46,31 +83,8 @@ bool EM_KORVEX::TransferArchiveToBmc(SipJson& request) {
   }
 
   SipJson transfer;
-  JsonValue& command = transfer.GetCmd();
-  command.SetObject();
-  transfer.SetCmdValue(command, "OC", korvex::kOpcodeHtiFileTransfer, 0);
-  transfer.SetCmdValue(command, "OE", 0, 1);
-  transfer.SetCmdValue(command, "OI", 0, 1);
-  transfer.SetCmdValue(command, "TO", timeout, 1);
-
-  CDataStruct data;
-  data.SetNumber("FileType", korvex::kKorvexFileType, 1);
-  data.SetString("LocalFilePath", m_ArchivePath.c_str());
-  data.SetString("BmcFilePath", bmcLocalName.c_str());
-
-  command.RemoveMember("DA");
-  JsonValue dataCopy(rapidjson::kObjectType);
-  CRapidJsonUtil::CopyValue(dataCopy, static_cast<const JsonValue&>(data.Document()),
-                            transfer.Allocator());
-  command.AddMember(JsonValue(rapidjson::StringRef("DA")), dataCopy, transfer.Allocator());
-
-  KORVEX_TRACE(3,
-               "\nEM_KORVEX (Transfer): Sending Korvex archive transfer down to HTI module "
-               "(AsyncRequest)...");
-  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   local file: %s", m_ArchivePath.c_str());
-  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   BMC file:   %s", bmcLocalName.c_str());
-  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   file type:  %d (Korvex)", korvex::kKorvexFileType);
-  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer):   timeout:    %d sec.", timeout);
+  BuildHtiRequest(transfer, m_ArchivePath.c_str(), bmcLocalName, timeout);
+  TraceHtiRequest(m_ArchivePath.c_str(), bmcLocalName, timeout);
 
   if (m_pSwitch != nullptr) {
     m_pSwitch->AsyncRequest(this, transfer, korvex::kTransferSwitchTimeout);

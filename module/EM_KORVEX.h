@@ -50,10 +50,6 @@ class EM_KORVEX : public CExtensionModule, public CTaskSerializer<SipJson> {
   // into the request and returns true exactly when that status is 0.
   bool StartArchiveCreation(SipJson& request);
   bool TransferArchiveToBmc(SipJson& request);
-  // The steps of archive creation: the run unless another tool is in the
-  // way, and the tool's run itself; each returns the job's final status.
-  unsigned int CreateArchive(SipJson& request);
-  unsigned int RunTool(time_t startTime);
 
   // Own fields, after the two bases, in this order.
   unsigned int m_Installed;      // 1: Start found the executable; read by ModuleRequest
@@ -61,6 +57,19 @@ class EM_KORVEX : public CExtensionModule, public CTaskSerializer<SipJson> {
   CPathString m_ExecutablePath;  // m_ToolRoot + "Korvex"
   CPathString m_ArchivePath;     // m_ToolRoot + "Korvex_Data.zip"
   unsigned int m_ToolProcessId;  // running tool started by archive creation, 0: none
+
+ private:
+  // The steps of ModuleRequest: the opcode's handling (1 this module's,
+  // 0 not), queueing a long request, the installation answer, and the
+  // exception's status and trace.
+  int DispatchOpcode(SipJson& request, unsigned int opcode);
+  void QueueRequest(SipJson& request);
+  void AnswerIsInstalled(SipJson& request);
+  static void ReportException(SipJson& request);
+  // The steps of archive creation: the run unless another tool is in the
+  // way, and the tool's run itself; each returns the job's final status.
+  unsigned int CreateArchive(SipJson& request);
+  unsigned int RunTool(time_t startTime);
 };
 
 // The one module instance of the library, held as the host sees it.
