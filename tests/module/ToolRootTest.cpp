@@ -4,6 +4,7 @@
 #include "host/HostControl.h"
 #include "module/ToolRoot.h"
 #include "tests/module/ModuleTestSupport.h"
+#include "tests/module/ModuleUnitFixture.h"
 
 #include <gtest/gtest.h>
 
@@ -13,22 +14,8 @@ using namespace korvex_test;
 
 namespace {
 
-class ToolRootTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    halvane::TraceToMemory();
-    halvane::SetTraceSwitch(true);
-    halvane::SetTraceLevel(5);
-    halvane::ClearRegistry();
-    halvane::TakeTrace();
-  }
-  void TearDown() override {
-    halvane::ClearRegistry();
-    halvane::TakeTrace();
-  }
-};
-
-TEST_F(ToolRootTest, TracedLookupGivesTheRootWithASlashAndTheModulesLines) {
+// ModuleUnitTest: trace in memory at level 5, an empty configuration store.
+TEST_F(ModuleUnitTest, ToolRootTracedLookupGivesTheRootWithASlashAndTheModulesLines) {
   SetToolRoot("/opt/korvex");
   std::string root;
   EXPECT_EQ(1, korvex::LookUpToolRoot(root));
@@ -41,7 +28,7 @@ TEST_F(ToolRootTest, TracedLookupGivesTheRootWithASlashAndTheModulesLines) {
             halvane::TakeTrace());
 }
 
-TEST_F(ToolRootTest, SilentLookupGivesTheSameRootWithoutAnyPrintCall) {
+TEST_F(ModuleUnitTest, ToolRootSilentLookupGivesTheSameRootWithoutAnyPrintCall) {
   for (const char* stored : {"/opt/korvex/", "/opt/korvex", ""}) {
     SetToolRoot(stored);
     std::string traced;
@@ -56,7 +43,7 @@ TEST_F(ToolRootTest, SilentLookupGivesTheSameRootWithoutAnyPrintCall) {
   }
 }
 
-TEST_F(ToolRootTest, NoProductKeyGives0WithOnlyTheLevel2LineOrNothing) {
+TEST_F(ModuleUnitTest, ToolRootWithNoProductKeyGives0WithOnlyTheLevel2LineOrNothing) {
   std::string root = "unchanged";
   EXPECT_EQ(0, korvex::LookUpToolRoot(root));
   EXPECT_EQ("unchanged", root);
@@ -68,7 +55,7 @@ TEST_F(ToolRootTest, NoProductKeyGives0WithOnlyTheLevel2LineOrNothing) {
   EXPECT_EQ("", halvane::TakeTrace());
 }
 
-TEST_F(ToolRootTest, ASetupKeyWithoutFileRootGives0AndTheQueryError) {
+TEST_F(ModuleUnitTest, ToolRootWithASetupKeyWithoutFileRootGives0AndTheQueryError) {
   halvane::SetRegistryValue(SetupKeyPath(), "Other", "/opt/korvex");
   std::string root;
   EXPECT_EQ(0, korvex::LookUpToolRoot(root));
