@@ -41,7 +41,8 @@ class EM_KORVEX : public CExtensionModule, public CTaskSerializer<SipJson> {
                                   const char* dataDirectory = korvex::kDataDirectory);
 
   // The tool's installation root from the configuration store, always ending
-  // in "/"; 1 found, 0 not.
+  // in "/"; 1 found, 0 not. The lookup em-host makes too (module/ToolRoot.h),
+  // here with the module's trace lines.
   static int GetKorvexPath(std::string& root);
   // Deletes an archive left by an earlier run; 1 one was deleted, 0 none or
   // it could not be deleted.
