@@ -47,6 +47,25 @@ void TraceHtiRequest(const char* archivePath, const std::string& bmcName, unsign
 
 }  // namespace
 
+unsigned int EM_KORVEX::SendToHti(const std::string& bmcName, unsigned int timeout) {
+  SipJson transfer;
+  BuildHtiRequest(transfer, m_ArchivePath.c_str(), bmcName, timeout);
+  TraceHtiRequest(m_ArchivePath.c_str(), bmcName, timeout);
+
+  if (m_pSwitch != nullptr) {
+    m_pSwitch->AsyncRequest(this, transfer, korvex::kTransferSwitchTimeout);
+  } else {
+    transfer.SetStatus(korvex::kStatusJobFailed);
+  }
+
+  // A HTI module that wrote no status leaves the "answer follows" value.
+  const unsigned int commandStatus =
+      transfer.GetCmdValue(transfer.m_CmdIndex, "ST", korvex::kStatusQueued);
+  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer): Korvex archive transfer finished, cmd status = 0x%02X",
+               commandStatus);
+  return commandStatus;
+}
+
 bool EM_KORVEX::TransferArchiveToBmc(SipJson& request) {
   if (__atomic_load_n(&m_SwitchShutdown, __ATOMIC_RELAXED) != 0) {
     request.SetStatus(korvex::kStatusJobFailed);
@@ -82,21 +101,7 @@ bool EM_KORVEX::TransferArchiveToBmc(SipJson& request) {
     return false;
   }
 
-  SipJson transfer;
-  BuildHtiRequest(transfer, m_ArchivePath.c_str(), bmcLocalName, timeout);
-  TraceHtiRequest(m_ArchivePath.c_str(), bmcLocalName, timeout);
-
-  if (m_pSwitch != nullptr) {
-    m_pSwitch->AsyncRequest(this, transfer, korvex::kTransferSwitchTimeout);
-  } else {
-    transfer.SetStatus(korvex::kStatusJobFailed);
-  }
-
-  // A HTI module that wrote no status leaves the "answer follows" value.
-  const unsigned int commandStatus =
-      transfer.GetCmdValue(transfer.m_CmdIndex, "ST", korvex::kStatusQueued);
-  KORVEX_TRACE(3, "\nEM_KORVEX (Transfer): Korvex archive transfer finished, cmd status = 0x%02X",
-               commandStatus);
+  const unsigned int commandStatus = SendToHti(bmcLocalName, timeout);
 
   // The reply carries the status only: the requester's file name goes.
   JsonValue& incoming = request.GetCmd();

@@ -71,6 +71,9 @@ class EM_KORVEX : public CExtensionModule, public CTaskSerializer<SipJson> {
   // way, and the tool's run itself; each returns the job's final status.
   unsigned int CreateArchive(SipJson& request);
   unsigned int RunTool(time_t startTime);
+  // The transfer's request to the HTI module, sent through the switch; the
+  // status it came back with.
+  unsigned int SendToHti(const std::string& bmcName, unsigned int timeout);
 };
 
 // The one module instance of the library, held as the host sees it.
