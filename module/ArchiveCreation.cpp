@@ -1,6 +1,7 @@
-// Finding the Korvex tool in the configuration store, removing an old
-// archive, and the archive creation job (opcode 0x3401): run the tool as a
-// child process, wait for it and judge what it left behind.
+// The module's tool-root lookup (the one em-host makes too, in
+// module/ToolRoot.cpp), removing an old archive, and the archive creation
+// job (opcode 0x3401): run the tool as a child process, wait for it and
+// judge what it left behind.
 #include "frame/Trace.h"
 #include "module/EM_KORVEX.h"
 #include "module/ModuleConstants.h"
