@@ -1,11 +1,12 @@
-// Helpers shared by the module's test suites: scratch directories, fake
-// Korvex tools written as shell scripts, FIFOs by which a fake tool tells the
-// test that it runs, the configuration store entry of the tool's root, and
-// trace comparison helpers.
+// Helpers shared by the module's test suites (scratch directories and files
+// come from tests/support): fake Korvex tools written as shell scripts,
+// FIFOs by which a fake tool tells the test that it runs, the configuration
+// store entry of the tool's root, and trace comparison helpers.
 #pragma once
 
 #include "frame/HostServices.h"
 #include "host/HostControl.h"
+#include "tests/support/TempFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -15,8 +16,6 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <fstream>
-#include <ftw.h>
 #include <poll.h>
 #include <signal.h>
 #include <sstream>
@@ -39,64 +38,6 @@ inline void SetToolRoot(const std::string& root) {
   halvane::ClearRegistry();
   halvane::SetRegistryValue(SetupKeyPath(), "FileRoot", root);
 }
-
-// Writes a file with the close-on-exec flag, so that a child forked by
-// another thread meanwhile never holds it open for writing (which would make
-// executing a freshly written script fail with "text file busy").
-inline void WriteFile(const std::string& path, const std::string& content, mode_t mode = 0644) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  ASSERT_GE(fd, 0) << path << ": " << std::strerror(errno);
-  const char* p = content.data();
-  std::size_t left = content.size();
-  while (left > 0) {
-    const ssize_t n = write(fd, p, left);
-    ASSERT_GT(n, 0) << path << ": " << std::strerror(errno);
-    p += n;
-    left -= static_cast<std::size_t>(n);
-  }
-  ASSERT_EQ(0, fchmod(fd, mode));
-  ASSERT_EQ(0, close(fd));
-}
-
-inline bool Exists(const std::string& path) {
-  struct stat status;
-  return stat(path.c_str(), &status) == 0;
-}
-
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// A scratch directory under /tmp, removed with everything in it at the end.
-class CTempDir {
- public:
-  CTempDir() {
-    char pattern[] = "/tmp/korvex-module-test-XXXXXX";
-    const char* made = mkdtemp(pattern);
-    if (made != nullptr) m_Path = made;
-  }
-  ~CTempDir() {
-    if (!m_Path.empty()) {
-      nftw(
-          m_Path.c_str(),
-          [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); }, 16,
-          FTW_DEPTH | FTW_PHYS);
-    }
-  }
-  CTempDir(const CTempDir&) = delete;
-  CTempDir& operator=(const CTempDir&) = delete;
-
-  const std::string& Path() const { return m_Path; }
-  // The root with a trailing "/", as the module builds its paths.
-  std::string Root() const { return m_Path + "/"; }
-  std::string operator/(const std::string& name) const { return m_Path + "/" + name; }
-
- private:
-  std::string m_Path;
-};
 
 // Writes the fake tool "Korvex" into dir: a shell script with the given body.
 inline void WriteTool(const std::string& dir, const std::string& body) {
