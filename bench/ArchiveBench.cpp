@@ -7,18 +7,17 @@
 // Module runs and bare runs alternate, so that both see the same machine.
 // The module refuses to start the tool while any process named "Korvex"
 // runs on the machine (status 5); such a run is retried and counted.
-#include <dirent.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "bench/BenchSupport.h"
 
 #include <benchmark/benchmark.h>
 
+#include <dirent.h>
+#include <spawn.h>
 #include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
-
-#include "bench/BenchSupport.h"
 
 extern char** environ;
 
@@ -49,7 +48,7 @@ void BM_ArchiveCreation(benchmark::State& state) {
   const long samples = kb::EnvNumber("KORVEX_BENCH_SPAWNS", 300);
   const std::string text = kb::RequestText(kb::kOpcodeCreate);
   CIExtensionModule& module = plugin.Module();
-  kb::CBenchSwitch& sw = plugin.Switch();
+  kb::CReplyClock& sw = plugin.Replies();
 
   for (auto _ : state) {
     std::vector<std::int64_t> endToEnd;
@@ -91,7 +90,8 @@ void BM_ArchiveCreation(benchmark::State& state) {
       exitToReply.push_back(replied - exited);
 
       std::int64_t elapsed = 0;
-      if (!BareRun(plugin.ToolInRoot(), elapsed)) return kb::Fail(state, "the bare tool run failed");
+      if (!BareRun(plugin.ToolInRoot(), elapsed))
+        return kb::Fail(state, "the bare tool run failed");
       plugin.DrainStamps();
       bare.push_back(elapsed);
     }

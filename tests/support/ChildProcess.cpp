@@ -185,6 +185,17 @@ bool CChildProcess::Write(const std::string& text) {
   return done == text.size();
 }
 
+bool CChildProcess::WriteOnly(const std::string& text) {
+  std::size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t written =
+        KORVEX_RETRY(::write(m_In.Get(), text.data() + done, text.size() - done));
+    if (written <= 0) return false;
+    done += static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
 void CChildProcess::Pump(int waitMs) {
   pollfd fds[2] = {{m_OutFd.Get(), POLLIN, 0}, {m_ErrFd.Get(), POLLIN, 0}};
   if (::poll(fds, 2, waitMs) <= 0) return;

@@ -45,6 +45,9 @@ class CChildProcess {
   // blocks; false when the child stopped reading.
   bool Write(const std::string& text);
   bool WriteLine(const std::string& line) { return Write(line + "\n"); }
+  // Writes all of text and reads nothing: for a writer thread while another
+  // thread reads the output. False when the child stopped reading.
+  bool WriteOnly(const std::string& text);
   void CloseInput() { m_In.Reset(); }
   // Reads what is there for up to waitMs (keeps the pipes from filling up).
   void Pump(int waitMs);
