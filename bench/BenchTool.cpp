@@ -16,13 +16,14 @@
 //
 // C library calls only: no C++ run time to load, so the tool starts about as
 // fast as a program can.
+#include <fcntl.h>
+#include <time.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <time.h>
-#include <unistd.h>
 
 namespace {
 
