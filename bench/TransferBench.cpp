@@ -212,6 +212,20 @@ void BM_FindProcessCrowd(benchmark::State& state) {
 
 // ----- serve's memory over a long session ---------------------------------------------
 
+// Writes `lines` installation queries in batches of about 1 MiB, reading
+// nothing (the benchmark's thread reads the answers meanwhile).
+bool WriteQueries(korvex_test::CChildProcess& host, long lines) {
+  std::string batch;
+  for (long i = 1; i <= lines; ++i) {
+    batch += "{\"id\":" + std::to_string(i) + ",\"request\":" + kb::RequestText(kb::kOpcodeQuery) +
+             "}\n";
+    if (batch.size() <= (1u << 20) && i != lines) continue;
+    if (!host.WriteOnly(batch)) return false;
+    batch.clear();
+  }
+  return true;
+}
+
 void BM_ServeRssLines(benchmark::State& state) {
   const long lines = state.range(0);
   korvex_test::CTempDir dir("korvex-bench-serve-rss");
@@ -223,17 +237,7 @@ void BM_ServeRssLines(benchmark::State& state) {
         {}, dir.Path() + "/stderr.log", &error);
     if (!host) return kb::Fail(state, "cannot start em-host: " + error);
     bool written = true;
-    std::thread writer([&] {
-      std::string batch;
-      for (long i = 1; i <= lines && written; ++i) {
-        batch += "{\"id\":" + std::to_string(i) +
-                 ",\"request\":" + kb::RequestText(kb::kOpcodeQuery) + "}\n";
-        if (batch.size() > (1u << 20) || i == lines) {
-          written = host->WriteOnly(batch);
-          batch.clear();
-        }
-      }
-    });
+    std::thread writer([&] { written = WriteQueries(*host, lines); });
     const bool read = host->ReadLines(lines, 600000);
     writer.join();
     const long hwm = kb::StatusKb(host->Pid(), "VmHWM");
