@@ -5,6 +5,7 @@
 #include "frame/ModuleEntry.h"
 #include "host/HostControl.h"
 #include "tests/support/PluginLoader.h"
+#include "util/Deadline.h"
 
 #include <benchmark/benchmark.h>
 
@@ -131,15 +132,8 @@ CReplyClock::~CReplyClock() {
 }
 
 bool CReplyClock::WaitReply(unsigned int timeoutMs, std::int64_t& stampNs, unsigned int& status) {
-  timespec deadline{};
-  clock_gettime(CLOCK_REALTIME, &deadline);
-  deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000u);
-  deadline.tv_nsec += static_cast<long>(timeoutMs % 1000u) * 1000000L;
-  if (deadline.tv_nsec >= 1000000000L) {
-    deadline.tv_sec += 1;
-    deadline.tv_nsec -= 1000000000L;
-  }
-  if (KORVEX_RETRY(sem_timedwait(&m_Replies, &deadline)) != 0) return false;
+  const timespec deadline = korvex::MonotonicDeadlineAfter(timeoutMs);
+  if (KORVEX_RETRY(sem_clockwait(&m_Replies, CLOCK_MONOTONIC, &deadline)) != 0) return false;
   stampNs = m_StampNs;
   status = m_Status;
   return true;
