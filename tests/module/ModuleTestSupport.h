@@ -6,6 +6,7 @@
 
 #include "frame/HostServices.h"
 #include "host/HostControl.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/TempFiles.h"
 
 #include <gtest/gtest.h>
@@ -103,38 +104,18 @@ class CFifo {
 };
 
 // A process the test starts itself: a script named "Korvex" that reports its
-// pid through a FIFO and then sleeps. It runs in its own process group, which
-// the destructor kills and reaps.
+// pid through a FIFO and then sleeps. It runs in its own process group,
+// which goes (killed and reaped) with the object.
 class CForeignTool {
  public:
   explicit CForeignTool(const std::string& dir)
-      : m_Dir(dir), m_Fifo(MadeDirectory(dir) + "/foreign-started") {
-    WriteTool(dir, "echo $$ > '" + m_Fifo.Path() + "'\nsleep 60");
-    const std::string tool = dir + "/Korvex";
-    m_Pid = fork();
-    if (m_Pid == 0) {
-      setpgid(0, 0);
-      execl(tool.c_str(), tool.c_str(), static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    if (m_Pid > 0) setpgid(m_Pid, m_Pid);
-  }
-  ~CForeignTool() {
-    if (m_Pid > 0) {
-      kill(-m_Pid, SIGKILL);
-      kill(m_Pid, SIGKILL);
-      int status = 0;
-      waitpid(m_Pid, &status, 0);
-    }
-  }
-  CForeignTool(const CForeignTool&) = delete;
-  CForeignTool& operator=(const CForeignTool&) = delete;
+      : m_Fifo(MadeDirectory(dir) + "/foreign-started"), m_Tool(StartedTool(dir, m_Fifo.Path())) {}
 
   // True once the script runs (it has written its pid).
   bool WaitRunning(int timeoutMs) {
     std::string line;
-    return m_Pid > 0 && m_Fifo.Valid() && m_Fifo.ReadLine(line, timeoutMs) &&
-           line == std::to_string(m_Pid);
+    return m_Fifo.Valid() && m_Fifo.ReadLine(line, timeoutMs) &&
+           line == std::to_string(m_Tool.Pid());
   }
 
  private:
@@ -142,10 +123,15 @@ class CForeignTool {
     mkdir(dir.c_str(), 0755);
     return dir;
   }
+  static CChildProcess StartedTool(const std::string& dir, const std::string& fifo) {
+    WriteTool(dir, "echo $$ > '" + fifo + "'\nsleep 60");
+    CChildOptions options;
+    options.m_OwnGroup = true;
+    return CChildProcess({dir + "/Korvex"}, {}, options);
+  }
 
-  std::string m_Dir;
   CFifo m_Fifo;
-  pid_t m_Pid = -1;
+  CChildProcess m_Tool;
 };
 
 // Whether a process named "Korvex" runs anywhere on the machine. Tests of
