@@ -20,6 +20,7 @@
 #include "message/SipJson.h"
 #include "tests/hardening/HardeningSupport.h"
 #include "tests/support/RecordingSwitch.h"
+#include "util/Fd.h"
 
 #include <gtest/gtest.h>
 
@@ -53,8 +54,7 @@ extern "C" int usleep(useconds_t microseconds) {
   if (cap != 0 && microseconds > cap) microseconds = cap;
   timespec left{static_cast<time_t>(microseconds / 1000000u),
                 static_cast<long>(microseconds % 1000000u) * 1000L};
-  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-  }
+  KORVEX_RETRY(nanosleep(&left, &left));  // left holds what is left after a signal
   return 0;
 }
 

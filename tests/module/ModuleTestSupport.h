@@ -8,6 +8,7 @@
 #include "host/HostControl.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/TempFiles.h"
+#include "util/Fd.h"
 
 #include <gtest/gtest.h>
 
@@ -52,17 +53,12 @@ inline void WriteTool(const std::string& dir, const std::string& body) {
 class CFifo {
  public:
   explicit CFifo(std::string path) : m_Path(std::move(path)) {
-    if (mkfifo(m_Path.c_str(), 0600) == 0) {
-      m_Fd = open(m_Path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    }
-  }
-  ~CFifo() {
-    if (m_Fd >= 0) close(m_Fd);
+    if (mkfifo(m_Path.c_str(), 0600) == 0) m_Fd.Reset(OpenReadEnd());
   }
   CFifo(const CFifo&) = delete;
   CFifo& operator=(const CFifo&) = delete;
 
-  bool Valid() const { return m_Fd >= 0; }
+  bool Valid() const { return m_Fd.Valid(); }
   const std::string& Path() const { return m_Path; }
 
   // Waits up to timeoutMs for one line ("\n"-terminated); false on time-out.
@@ -79,27 +75,28 @@ class CFifo {
                             deadline - std::chrono::steady_clock::now())
                             .count();
       if (left <= 0) return false;
-      struct pollfd pfd = {m_Fd, POLLIN, 0};
+      struct pollfd pfd = {m_Fd.Get(), POLLIN, 0};
       const int ready = poll(&pfd, 1, static_cast<int>(left));
-      if (ready < 0 && errno == EINTR) continue;
+      if (ready < 0 && errno == EINTR) continue;  // the time left is taken again
       if (ready <= 0) return false;
       char chunk[256];
-      const ssize_t n = read(m_Fd, chunk, sizeof(chunk));
+      const ssize_t n = read(m_Fd.Get(), chunk, sizeof(chunk));
       if (n > 0) {
         m_Buffer.append(chunk, static_cast<std::size_t>(n));
       } else if (n == 0) {
         // The writer closed before a whole line came. Reopen, so that poll
         // waits for the next writer instead of reporting the hang-up again.
-        close(m_Fd);
-        m_Fd = open(m_Path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        if (m_Fd < 0) return false;
+        m_Fd.Reset(OpenReadEnd());
+        if (!m_Fd) return false;
       }
     }
   }
 
  private:
+  int OpenReadEnd() const { return open(m_Path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }
+
   std::string m_Path;
-  int m_Fd = -1;
+  korvex::CFd m_Fd;
   std::string m_Buffer;
 };
 
@@ -243,29 +240,24 @@ namespace korvex_test {
 class CHold {
  public:
   explicit CHold(std::string path) : m_Path(std::move(path)) {
-    if (mkfifo(m_Path.c_str(), 0600) == 0) {
-      m_Fd = open(m_Path.c_str(), O_RDWR | O_CLOEXEC);
-    }
-  }
-  ~CHold() {
-    if (m_Fd >= 0) close(m_Fd);
+    if (mkfifo(m_Path.c_str(), 0600) == 0) m_Fd.Reset(open(m_Path.c_str(), O_RDWR | O_CLOEXEC));
   }
   CHold(const CHold&) = delete;
   CHold& operator=(const CHold&) = delete;
 
-  bool Valid() const { return m_Fd >= 0; }
+  bool Valid() const { return m_Fd.Valid(); }
   const std::string& Path() const { return m_Path; }
   // Lets count blocked reads go on.
   bool Release(int count = 1) {
     for (int i = 0; i < count; ++i) {
-      if (write(m_Fd, "go\n", 3) != 3) return false;
+      if (KORVEX_RETRY(write(m_Fd.Get(), "go\n", 3)) != 3) return false;
     }
     return true;
   }
 
  private:
   std::string m_Path;
-  int m_Fd = -1;
+  korvex::CFd m_Fd;
 };
 
 }  // namespace korvex_test
