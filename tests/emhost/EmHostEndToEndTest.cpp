@@ -28,15 +28,8 @@
 
 namespace {
 
-using korvex_test::CChildProcess;
-using korvex_test::CFinished;
-using korvex_test::Entries;
-using korvex_test::Exists;
-using korvex_test::Lines;
-using korvex_test::ProcessRuns;
-using korvex_test::ReadFile;
-using korvex_test::RunProgram;
-using korvex_test::WriteFile;
+// Scratch directories, files, child processes and process state.
+using namespace korvex_test;
 
 const std::string kEmHost = EMHOST_BIN;
 const std::string kDemoTool = EMHOST_DEMO_TOOL;

@@ -30,14 +30,8 @@
 
 namespace {
 
-using korvex_test::CChildProcess;
-using korvex_test::CFinished;
-using korvex_test::Exists;
-using korvex_test::Lines;
-using korvex_test::ProcessRuns;
-using korvex_test::ReadFile;
-using korvex_test::RunProgram;
-using korvex_test::WriteFile;
+// Scratch directories, files, child processes and process state.
+using namespace korvex_test;
 const std::string kEmHost = EMHOST_BIN;
 const std::string kCreate = R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"TO":30}]}})";
 const std::string kQuery = R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":0,"TO":30}]}})";
