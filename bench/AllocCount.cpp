@@ -6,11 +6,12 @@
 //
 // Plain per-thread data only: it is touched from inside malloc, also while
 // the thread library sets a thread up.
-#include "bench/BenchSupport.h"
+#include <malloc.h>
 
 #include <cstddef>
 #include <cstring>
-#include <malloc.h>
+
+#include "bench/BenchSupport.h"
 
 extern "C" {
 void* __libc_malloc(std::size_t size);
