@@ -7,18 +7,17 @@
 // Module runs and bare runs alternate, so that both see the same machine.
 // The module refuses to start the tool while any process named "Korvex"
 // runs on the machine (status 5); such a run is retried and counted.
-#include <dirent.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "bench/BenchSupport.h"
 
 #include <benchmark/benchmark.h>
 
+#include <dirent.h>
+#include <spawn.h>
 #include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
-
-#include "bench/BenchSupport.h"
 
 extern char** environ;
 
@@ -43,67 +42,78 @@ bool BareRun(const std::string& tool, std::int64_t& elapsed) {
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
+struct CCreationSamples {
+  std::vector<std::int64_t> m_EndToEnd;
+  std::vector<std::int64_t> m_ExitToReply;
+  std::vector<std::int64_t> m_Bare;
+  long m_Foreign = 0;
+};
+
+// Another "Korvex" ran somewhere on the machine: not a sample. "" while
+// waiting for it is still worth it.
+std::string SkipForeignTool(kb::CPluginModule& plugin, CCreationSamples& samples) {
+  if (++samples.m_Foreign > kMaxForeignRetries) {
+    return "another process named Korvex keeps running on this machine";
+  }
+  kb::SleepNs(20000000);
+  plugin.DrainStamps();
+  return "";
+}
+
+// One archive creation through the module, then one bare run of the tool.
+// "" when it gave a sample (or met a foreign tool), else what went wrong.
+std::string TakeCreationSample(kb::CPluginModule& plugin, const std::string& text,
+                               unsigned long tag, CCreationSamples& samples) {
+  SipJson request;
+  kb::LoadRequest(request, text, tag);
+  const std::int64_t t0 = kb::NowNs();
+  if (plugin.Module().ModuleRequest(request) != 1 || request.Status() != 22) {
+    return "the creation request was not queued (status " + std::to_string(request.Status()) + ")";
+  }
+  std::int64_t replied = 0;
+  unsigned int status = 0;
+  if (!plugin.Replies().WaitReply(kReplyTimeoutMs, replied, status)) {
+    return "no reply within 30 s";
+  }
+  if (status == kStatusForeignTool) return SkipForeignTool(plugin, samples);
+  if (status != 0) return "archive creation answered status " + std::to_string(status);
+  std::int64_t exited = 0;
+  if (!plugin.ReadStamp(exited, 5000)) return "the tool left no exit stamp";
+  samples.m_EndToEnd.push_back(replied - t0);
+  samples.m_ExitToReply.push_back(replied - exited);
+  std::int64_t elapsed = 0;
+  if (!BareRun(plugin.ToolInRoot(), elapsed)) return "the bare tool run failed";
+  plugin.DrainStamps();
+  samples.m_Bare.push_back(elapsed);
+  return "";
+}
+
+void SetCreationCounters(benchmark::State& state, const CCreationSamples& s, long samples) {
+  state.counters["module_median_us"] = kb::Percentile(s.m_EndToEnd, 50) / 1000.0;
+  state.counters["module_p99_us"] = kb::Percentile(s.m_EndToEnd, 99) / 1000.0;
+  state.counters["bare_median_us"] = kb::Percentile(s.m_Bare, 50) / 1000.0;
+  state.counters["bare_p99_us"] = kb::Percentile(s.m_Bare, 99) / 1000.0;
+  state.counters["exit_to_reply_median_us"] = kb::Percentile(s.m_ExitToReply, 50) / 1000.0;
+  state.counters["exit_to_reply_p99_us"] = kb::Percentile(s.m_ExitToReply, 99) / 1000.0;
+  state.counters["exit_to_reply_max_us"] = kb::Percentile(s.m_ExitToReply, 100) / 1000.0;
+  state.counters["samples"] = static_cast<double>(samples);
+  state.counters["foreign_tool_retries"] = static_cast<double>(s.m_Foreign);
+}
+
 void BM_ArchiveCreation(benchmark::State& state) {
   kb::CPluginModule& plugin = kb::CPluginModule::Instance();
   if (!plugin.Ok()) return kb::Fail(state, plugin.Error());
   const long samples = kb::EnvNumber("KORVEX_BENCH_SPAWNS", 300);
   const std::string text = kb::RequestText(kb::kOpcodeCreate);
-  CIExtensionModule& module = plugin.Module();
-  kb::CBenchSwitch& sw = plugin.Switch();
-
   for (auto _ : state) {
-    std::vector<std::int64_t> endToEnd;
-    std::vector<std::int64_t> exitToReply;
-    std::vector<std::int64_t> bare;
-    long foreign = 0;
+    CCreationSamples taken;
     unsigned long tag = 1;
     plugin.DrainStamps();
-    while (static_cast<long>(endToEnd.size()) < samples) {
-      SipJson request;
-      kb::LoadRequest(request, text, tag++);
-
-      const std::int64_t t0 = kb::NowNs();
-      const int taken = module.ModuleRequest(request);
-      if (taken != 1 || request.Status() != 22) {
-        return kb::Fail(state, "the creation request was not queued (status " +
-                                   std::to_string(request.Status()) + ")");
-      }
-      std::int64_t replied = 0;
-      unsigned int status = 0;
-      if (!sw.WaitReply(kReplyTimeoutMs, replied, status)) {
-        return kb::Fail(state, "no reply within 30 s");
-      }
-      if (status == kStatusForeignTool) {
-        // Another "Korvex" ran somewhere on the machine: not a sample.
-        if (++foreign > kMaxForeignRetries) {
-          return kb::Fail(state, "another process named Korvex keeps running on this machine");
-        }
-        kb::SleepNs(20000000);
-        plugin.DrainStamps();
-        continue;
-      }
-      if (status != 0) {
-        return kb::Fail(state, "archive creation answered status " + std::to_string(status));
-      }
-      std::int64_t exited = 0;
-      if (!plugin.ReadStamp(exited, 5000)) return kb::Fail(state, "the tool left no exit stamp");
-      endToEnd.push_back(replied - t0);
-      exitToReply.push_back(replied - exited);
-
-      std::int64_t elapsed = 0;
-      if (!BareRun(plugin.ToolInRoot(), elapsed)) return kb::Fail(state, "the bare tool run failed");
-      plugin.DrainStamps();
-      bare.push_back(elapsed);
+    while (static_cast<long>(taken.m_EndToEnd.size()) < samples) {
+      const std::string failed = TakeCreationSample(plugin, text, tag++, taken);
+      if (!failed.empty()) return kb::Fail(state, failed);
     }
-    state.counters["module_median_us"] = kb::Percentile(endToEnd, 50) / 1000.0;
-    state.counters["module_p99_us"] = kb::Percentile(endToEnd, 99) / 1000.0;
-    state.counters["bare_median_us"] = kb::Percentile(bare, 50) / 1000.0;
-    state.counters["bare_p99_us"] = kb::Percentile(bare, 99) / 1000.0;
-    state.counters["exit_to_reply_median_us"] = kb::Percentile(exitToReply, 50) / 1000.0;
-    state.counters["exit_to_reply_p99_us"] = kb::Percentile(exitToReply, 99) / 1000.0;
-    state.counters["exit_to_reply_max_us"] = kb::Percentile(exitToReply, 100) / 1000.0;
-    state.counters["samples"] = static_cast<double>(samples);
-    state.counters["foreign_tool_retries"] = static_cast<double>(foreign);
+    SetCreationCounters(state, taken, samples);
   }
 }
 

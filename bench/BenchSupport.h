@@ -1,19 +1,25 @@
 // What the benchmarks share: the clock, sample statistics, the heap counter
 // window, scratch tool roots with the trivial tool installed as "Korvex",
-// typical request messages, the plug-in loaded and started once behind a
-// switch that stamps every SendReply, and child processes on pipes.
+// typical request messages, the plug-in loaded and started once behind the
+// shared recording switch with every reply stamped, and child processes
+// started through the shared driver.
 #pragma once
-
-#include <semaphore.h>
-#include <sys/types.h>
-
-#include <cstdint>
-#include <string>
-#include <vector>
 
 #include "frame/ExtensionModule.h"
 #include "frame/HostServices.h"
+#include "host/emhost/loader/ModuleHost.h"
 #include "message/SipJson.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/RecordingSwitch.h"
+#include "tests/support/TempFiles.h"
+#include "util/Fd.h"
+
+#include <cstdint>
+#include <memory>
+#include <semaphore.h>
+#include <string>
+#include <sys/types.h>
+#include <vector>
 
 namespace benchmark {
 class State;
@@ -47,22 +53,6 @@ const char* PluginPath();
 const char* EmHostPath();
 const char* ToolPath();
 
-// A scratch directory, removed with its contents at the end.
-class CScratchDir {
- public:
-  explicit CScratchDir(const char* what);
-  ~CScratchDir();
-  CScratchDir(const CScratchDir&) = delete;
-  CScratchDir& operator=(const CScratchDir&) = delete;
-
-  bool Ok() const { return !m_Path.empty(); }
-  const std::string& Path() const { return m_Path; }
-  std::string Root() const { return m_Path + "/"; }  // as the module builds paths
-
- private:
-  std::string m_Path;
-};
-
 // Copies the trivial tool to <dir>/Korvex (mode 0755). False with *error.
 bool InstallTool(const std::string& dir, std::string* error);
 
@@ -78,42 +68,44 @@ std::string RequestText(unsigned int opcode);
 bool LoadRequest(SipJson& message, const std::string& text, unsigned long tag);
 
 // ----- the plug-in ---------------------------------------------------------------
-// The switch the benchmarks start the module with. SendReply stamps the time,
-// keeps the reply's status and posts a semaphore.
-class CBenchSwitch : public CISwitch {
+// Watches the switch the benchmarks start the module with: each reply is
+// stamped first (the benchmark measures up to the moment the switch has the
+// answer in its hands), its status kept and a semaphore posted.
+class CReplyClock {
  public:
-  CBenchSwitch();
-  ~CBenchSwitch() override;
-  unsigned int GetServiceType() override { return 5; }
-  int AsyncRequest(CIExtensionModule*, SipJson&, unsigned int) override { return 0; }
-  int SendReply(CIExtensionModule* sender, SipJson& message) override;
+  explicit CReplyClock(CRecordingSwitch& replies);
+  ~CReplyClock();
+  CReplyClock(const CReplyClock&) = delete;
+  CReplyClock& operator=(const CReplyClock&) = delete;
 
   // Waits up to timeoutMs for the next reply; false on time-out.
   bool WaitReply(unsigned int timeoutMs, std::int64_t& stampNs, unsigned int& status);
 
  private:
+  CRecordingSwitch& m_Switch;
   sem_t m_Replies;
   std::int64_t m_StampNs = 0;
   unsigned int m_Status = 0;
 };
 
-// libEM_KORVEX.so loaded with dlopen, one instance created and started on a
-// scratch tool root that holds the trivial tool as "Korvex". The tool's exit
-// stamps arrive on StampFd (its write end is inherited by every child).
+// libEM_KORVEX.so loaded through em-host's loader, one instance created and
+// started on a scratch tool root that holds the trivial tool as "Korvex".
+// The tool's exit stamps arrive on StampFd (its write end is inherited by
+// every child).
 class CPluginModule {
  public:
   static CPluginModule& Instance();
   // Stops and deletes the instance; called once at the end of main.
   static void Shutdown();
 
-  bool Ok() const { return m_Module != nullptr; }
+  bool Ok() const { return m_Instance != nullptr && m_Instance->Created() && m_Error.empty(); }
   const std::string& Error() const { return m_Error; }
-  CIExtensionModule& Module() { return *m_Module; }
-  CBenchSwitch& Switch() { return m_Switch; }
-  const CScratchDir& Dir() const { return m_Dir; }
-  std::string ToolInRoot() const { return m_Dir.Root() + "Korvex"; }
+  CIExtensionModule& Module() { return m_Instance->Module(); }
+  CReplyClock& Replies() { return m_Clock; }
+  const korvex_test::CTempDir& Dir() const { return *m_Dir; }
+  std::string ToolInRoot() const { return m_Dir->Root() + "Korvex"; }
 
-  int StampFd() const { return m_StampRead; }
+  int StampFd() const { return m_StampRead.Get(); }
   // Reads one exit stamp, waiting up to timeoutMs; false when none came.
   bool ReadStamp(std::int64_t& stampNs, int timeoutMs);
   // Drops stamps that are waiting.
@@ -122,49 +114,26 @@ class CPluginModule {
  private:
   CPluginModule();
   ~CPluginModule();
-  void Close();
+  bool MakeRoot();
+  bool OpenStampPipe();
+  bool StartModule();
 
-  CScratchDir m_Dir;
-  CBenchSwitch m_Switch;
-  void* m_Library = nullptr;
-  CIExtensionModule* m_Module = nullptr;
-  int (*m_Delete)(void*) = nullptr;
-  int m_StampRead = -1;
-  int m_StampWrite = -1;
+  std::unique_ptr<korvex_test::CTempDir> m_Dir;
+  CRecordingSwitch m_Switch{/*keepCopies=*/false};
+  CReplyClock m_Clock{m_Switch};
+  std::unique_ptr<CModuleInstance> m_Instance;
+  korvex::CFd m_StampRead;
+  korvex::CFd m_StampWrite;
   std::string m_Error;
 };
 
 // ----- child processes ---------------------------------------------------------
-// A program started with posix_spawn, its standard input and output on pipes
-// (standard error to errPath, or /dev/null). extraEnv ("NAME=value") is added
-// to the environment; keepFd (if >= 0) stays open in the child.
-class CChild {
- public:
-  CChild(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv,
-         const std::string& errPath = std::string());
-  ~CChild();  // kills a child that still runs
-  CChild(const CChild&) = delete;
-  CChild& operator=(const CChild&) = delete;
-
-  bool Ok() const { return m_Pid > 0; }
-  pid_t Pid() const { return m_Pid; }
-  int In() const { return m_In; }
-  int Out() const { return m_Out; }
-  // Writes all of text to the child's input; false when the child is gone.
-  bool Write(const std::string& text);
-  // Reads output until it holds `lines` more line breaks than were consumed,
-  // or timeoutMs passes; appends what it read to *text when given.
-  bool ReadLines(long lines, int timeoutMs, std::string* text = nullptr);
-  void CloseInput();
-  // Closes the input and waits up to timeoutMs for the exit (then kills).
-  int Finish(int timeoutMs);
-
- private:
-  pid_t m_Pid = -1;
-  int m_In = -1;
-  int m_Out = -1;
-  long m_Surplus = 0;  // line breaks read beyond those asked for so far
-};
+// argv started on pipes, standard error appended to errPath (when given);
+// nullptr with *error when it cannot start.
+std::unique_ptr<korvex_test::CChildProcess> StartChild(const std::vector<std::string>& argv,
+                                                       const std::vector<std::string>& extraEnv,
+                                                       const std::string& errPath,
+                                                       std::string* error);
 
 // "VmHWM" or "VmRSS" of a process in KiB, -1 when unreadable.
 long StatusKb(pid_t pid, const char* field);

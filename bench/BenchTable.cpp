@@ -31,19 +31,11 @@ class CResults {
   // The run named `name` (also "name/iterations:1/real_time" and the like);
   // null when it is missing or ended in an error.
   const rapidjson::Value* Find(const std::string& name) const {
-    const rapidjson::Value::ConstMemberIterator list = m_Document.FindMember("benchmarks");
-    if (list == m_Document.MemberEnd() || !list->value.IsArray()) return nullptr;
-    for (const rapidjson::Value& run : list->value.GetArray()) {
-      if (!run.IsObject() || !run.HasMember("name") || !run["name"].IsString()) continue;
-      const std::string runName = run["name"].GetString();
-      if (runName != name && runName.compare(0, name.size() + 1, name + "/") != 0) continue;
-      if (run.HasMember("error_occurred") && run["error_occurred"].IsBool() &&
-          run["error_occurred"].GetBool()) {
-        return nullptr;
-      }
-      return &run;
-    }
-    return nullptr;
+    const rapidjson::Value* run = FirstRun(name);
+    if (run == nullptr) return nullptr;
+    const bool failed = run->HasMember("error_occurred") && (*run)["error_occurred"].IsBool() &&
+                        (*run)["error_occurred"].GetBool();
+    return failed ? nullptr : run;
   }
 
   // A counter (or any number field) of a run; NaN when absent.
@@ -72,20 +64,26 @@ class CResults {
 
   // The error message of a failed run, or "".
   std::string Error(const std::string& name) const {
-    const rapidjson::Value::ConstMemberIterator list = m_Document.FindMember("benchmarks");
-    if (list == m_Document.MemberEnd() || !list->value.IsArray()) return "";
-    for (const rapidjson::Value& run : list->value.GetArray()) {
-      if (!run.IsObject() || !run.HasMember("name") || !run["name"].IsString()) continue;
-      const std::string runName = run["name"].GetString();
-      if (runName != name && runName.compare(0, name.size() + 1, name + "/") != 0) continue;
-      if (run.HasMember("error_message") && run["error_message"].IsString()) {
-        return run["error_message"].GetString();
-      }
+    const rapidjson::Value* run = FirstRun(name);
+    if (run == nullptr || !run->HasMember("error_message") || !(*run)["error_message"].IsString()) {
+      return "";
     }
-    return "";
+    return (*run)["error_message"].GetString();
   }
 
  private:
+  // The first run named `name` or "name/...", failed or not; null when none.
+  const rapidjson::Value* FirstRun(const std::string& name) const {
+    const rapidjson::Value::ConstMemberIterator list = m_Document.FindMember("benchmarks");
+    if (list == m_Document.MemberEnd() || !list->value.IsArray()) return nullptr;
+    for (const rapidjson::Value& run : list->value.GetArray()) {
+      if (!run.IsObject() || !run.HasMember("name") || !run["name"].IsString()) continue;
+      const std::string runName = run["name"].GetString();
+      if (runName == name || runName.compare(0, name.size() + 1, name + "/") == 0) return &run;
+    }
+    return nullptr;
+  }
+
   const rapidjson::Document& m_Document;
 };
 
@@ -118,46 +116,32 @@ std::string Verdict(double value, bool atMost, double target) {
   return (atMost ? value <= target : value >= target) ? "met" : "**missed**";
 }
 
-}  // namespace
+// The thread CPU time with the wall time, which a busy machine stretches, in
+// brackets.
+std::string WithWall(const CResults& r, double cpu, const char* name) {
+  return Format(cpu, "ns") + " (wall " + Format(r.TimeNs(name), "ns") + ")";
+}
 
-int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: korvex_bench_table RESULTS.json\n");
-    return 2;
-  }
-  std::ifstream in(argv[1]);
-  if (!in) {
-    std::fprintf(stderr, "korvex_bench_table: cannot read %s\n", argv[1]);
-    return 2;
-  }
-  rapidjson::IStreamWrapper stream(in);
-  rapidjson::Document document;
-  document.ParseStream(stream);
-  if (document.HasParseError() || !document.IsObject()) {
-    std::fprintf(stderr, "korvex_bench_table: %s is not Google Benchmark JSON\n", argv[1]);
-    return 2;
-  }
-  const CResults r(document);
-  std::vector<CRow> rows;
-
+// Figure 1: the cost of a request on the host's thread.
+void AddRequestRows(const CResults& r, std::vector<CRow>& rows) {
   // 1. ModuleRequest, installation query, tracing off. The time is the
   // calling thread's CPU time (what the request costs the host's thread);
   // the wall time, which a busy machine stretches, follows in brackets.
   const double queryOff = r.TimeNs("BM_Query_TraceOff", "cpu_time");
   const double queryFresh = r.TimeNs("BM_Query_FreshMessage", "cpu_time");
   const double base = r.TimeNs("BM_BaseModuleRequest", "cpu_time");
-  const auto withWall = [&](double cpu, const char* name) {
-    return Format(cpu, "ns") + " (wall " + Format(r.TimeNs(name), "ns") + ")";
-  };
   rows.push_back({"1 ModuleRequest 0x3400, trace off, per request",
-                  withWall(queryOff, "BM_Query_TraceOff"),
+                  WithWall(r, queryOff, "BM_Query_TraceOff"),
                   "base-class ModuleRequest: " + Format(base, "ns"), Ratio(queryOff, base),
                   "<= 1 µs", Verdict(queryOff, true, 1000.0)});
   rows.push_back({"1 (same, a fresh request message each time)",
-                  withWall(queryFresh, "BM_Query_FreshMessage"),
+                  WithWall(r, queryFresh, "BM_Query_FreshMessage"),
                   "base-class ModuleRequest: " + Format(base, "ns"), Ratio(queryFresh, base),
                   "<= 1 µs", Verdict(queryFresh, true, 1000.0)});
+}
 
+// Figure 2: the queue hand-over to the worker.
+void AddQueueRows(const CResults& r, std::vector<CRow>& rows) {
   // 2. Queue round trip.
   const double rtMedian = r.Number("BM_QueueRoundTrip", "median_us");
   const double rtP99 = r.Number("BM_QueueRoundTrip", "p99_us");
@@ -178,7 +162,10 @@ int main(int argc, char** argv) {
        "shown", "-"});
   rows.push_back({"2 InsertTask call on the caller's thread, median", Format(insert, "µs", 2),
                   "round trip: " + Format(rtMedian, "µs"), Ratio(insert, rtMedian), "-", "-"});
+}
 
+// Figure 3: archive creation against a bare spawn of the same tool.
+void AddArchiveRows(const CResults& r, std::vector<CRow>& rows) {
   // 3. Archive creation.
   const double moduleMedian = r.Number("BM_ArchiveCreation", "module_median_us");
   const double bareMedian = r.Number("BM_ArchiveCreation", "bare_median_us");
@@ -197,6 +184,10 @@ int main(int argc, char** argv) {
   rows.push_back({"3 tool exit to SendReply, 99th percentile", Format(exitP99, "µs"),
                   "median: " + Format(exitMedian, "µs"), Ratio(exitP99, exitMedian), "<= 1 ms",
                   Verdict(exitP99, true, 1000.0)});
+}
+
+// Figure 3, step by step.
+void AddArchiveStepRows(const CResults& r, std::vector<CRow>& rows) {
   const double stepFind = r.Number("BM_ArchiveSteps", "find_median_us");
   const double stepProcesses = r.Number("BM_ArchiveSteps", "processes");
   const double stepExecute = r.Number("BM_ArchiveSteps", "execute_median_us");
@@ -212,26 +203,36 @@ int main(int argc, char** argv) {
   rows.push_back({"3 step: deletion of the previous archive (stat, unlink), median",
                   Format(stepDelete, "µs"), "bare posix_spawn+waitpid: " + Format(stepBare, "µs"),
                   Ratio(stepDelete, stepBare), "-", "-"});
+}
 
+// Figure 4: em-host serve's throughput.
+void AddServeRows(const CResults& r, std::vector<CRow>& rows) {
   // 4. em-host serve throughput.
   const double serve = r.Number("BM_ServeThroughput", "requests_per_s");
   const double cat = r.Number("BM_ServeThroughput", "cat_lines_per_s");
   rows.push_back({"4 em-host serve, installation queries, lines in to lines out",
                   Grouped(serve, "req/s"), "cat through the same pipes: " + Grouped(cat, "lines/s"),
                   Ratio(serve, cat), ">= 100,000 req/s", Verdict(serve, false, 100000.0)});
+}
 
+// Figure 5: the cost of tracing.
+void AddTraceRows(const CResults& r, std::vector<CRow>& rows) {
   // 5. Tracing (thread CPU time, as figure 1).
+  const double queryOff = r.TimeNs("BM_Query_TraceOff", "cpu_time");
   const double traceFile = r.TimeNs("BM_Query_TraceFile5", "cpu_time");
   const double traceLevel1 = r.TimeNs("BM_Query_TraceOnLevel1", "cpu_time");
   rows.push_back({"5 ModuleRequest 0x3400, tracing on to a file at level 5",
-                  withWall(traceFile, "BM_Query_TraceFile5"),
+                  WithWall(r, traceFile, "BM_Query_TraceFile5"),
                   "trace off: " + Format(queryOff, "ns"), Ratio(traceFile, queryOff), "none set",
                   "-"});
   rows.push_back({"5 (trace switch on, host level 1: every line filtered)",
-                  withWall(traceLevel1, "BM_Query_TraceOnLevel1"),
+                  WithWall(r, traceLevel1, "BM_Query_TraceOnLevel1"),
                   "trace off: " + Format(queryOff, "ns"), Ratio(traceLevel1, queryOff), "none set",
                   "-"});
+}
 
+// Figure 6: memory per queued task and em-host's peak.
+void AddMemoryRows(const CResults& r, std::vector<CRow>& rows) {
   // 6. Memory.
   const double taskBytes = r.Number("BM_QueuedTaskBytes", "bytes_per_task");
   const double taskBlocks = r.Number("BM_QueuedTaskBytes", "blocks_per_task");
@@ -247,7 +248,10 @@ int main(int argc, char** argv) {
   rows.push_back({"6 em-host serve peak RSS (VmHWM), 19 tasks queued", Format(queuedHwm, "KiB", 0),
                   "same session idle: " + Format(idleHwm, "KiB", 0), Ratio(queuedHwm, idleHwm),
                   "none set", "-"});
+}
 
+// Figure 7: the verified transfer against cp.
+void AddTransferRows(const CResults& r, std::vector<CRow>& rows) {
   // 7. Verified transfer against cp + sync and cp + sha256sum.
   for (const char* size : {"64", "512", "4096"}) {
     const std::string name = std::string("BM_Transfer/") + size;
@@ -267,7 +271,10 @@ int main(int argc, char** argv) {
                         Format(r.Number(name, "cp_sha_cpu_s"), "s", 2),
                     Ratio(ours, cpSha), "ratio <= 1", Verdict(ours / cpSha, true, 1.0)});
   }
+}
 
+// Figure 8: FindProcess among many processes.
+void AddFindProcessRows(const CResults& r, std::vector<CRow>& rows) {
   // 8. FindProcess among many processes.
   for (const char* extra : {"1000", "10000"}) {
     const std::string name = std::string("BM_FindProcessCrowd/") + extra;
@@ -277,14 +284,19 @@ int main(int argc, char** argv) {
                     Format(find, "µs", 0), "pgrep -x: " + Format(pgrep, "µs", 0),
                     Ratio(find, pgrep), "-", "-"});
   }
+}
 
+// Figure 9: serve's peak over a long session.
+void AddLongSessionRows(const CResults& r, std::vector<CRow>& rows) {
   // 9. serve's peak RSS over a long session.
   const double rssSmall = r.Number("BM_ServeRssLines/10000", "hwm_kb");
   const double rssLarge = r.Number("BM_ServeRssLines/1000000", "hwm_kb");
   rows.push_back({"9 em-host serve peak RSS (VmHWM) after 10^6 queries", Format(rssLarge, "KiB", 0),
                   "after 10^4 queries: " + Format(rssSmall, "KiB", 0), Ratio(rssLarge, rssSmall),
                   "ratio <= 1.5", Verdict(rssLarge / rssSmall, true, 1.5)});
+}
 
+void PrintTable(const std::vector<CRow>& rows) {
   std::printf("| Figure | Measured | Reference (same run) | Ratio | Target | Result |\n");
   std::printf("|---|---|---|---|---|---|\n");
   for (const CRow& row : rows) {
@@ -292,7 +304,10 @@ int main(int argc, char** argv) {
                 row.m_Reference.c_str(), row.m_Ratio.c_str(), row.m_Target.c_str(),
                 row.m_Verdict.c_str());
   }
+}
 
+// Names every benchmark that failed; how many did.
+int ReportFailures(const CResults& r) {
   int failed = 0;
   for (const char* name :
        {"BM_Query_TraceOff", "BM_BaseModuleRequest", "BM_Query_FreshMessage", "BM_Query_TraceFile5",
@@ -306,5 +321,42 @@ int main(int argc, char** argv) {
     }
   }
   if (failed != 0) std::printf("\n");
-  return failed != 0 ? 1 : 0;
+  return failed;
+}
+
+// Parses the file at path into document; false (with a message) when it
+// cannot be read or is not Google Benchmark JSON.
+bool LoadResults(const char* path, rapidjson::Document& document) {
+  std::ifstream in(path);
+  if (!in) {
+    std::fprintf(stderr, "korvex_bench_table: cannot read %s\n", path);
+    return false;
+  }
+  rapidjson::IStreamWrapper stream(in);
+  document.ParseStream(stream);
+  if (document.HasParseError() || !document.IsObject()) {
+    std::fprintf(stderr, "korvex_bench_table: %s is not Google Benchmark JSON\n", path);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fprintf(stderr, "usage: korvex_bench_table RESULTS.json\n");
+    return 2;
+  }
+  rapidjson::Document document;
+  if (!LoadResults(argv[1], document)) return 2;
+  const CResults r(document);
+  std::vector<CRow> rows;
+  for (const auto add :
+       {AddRequestRows, AddQueueRows, AddArchiveRows, AddArchiveStepRows, AddServeRows,
+        AddTraceRows, AddMemoryRows, AddTransferRows, AddFindProcessRows, AddLongSessionRows}) {
+    add(r, rows);
+  }
+  PrintTable(rows);
+  return ReportFailures(r) != 0 ? 1 : 0;
 }

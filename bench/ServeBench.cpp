@@ -5,20 +5,19 @@
 // Figure 6 (second half): em-host serve's peak resident size (VmHWM) with 19
 // creation tasks queued behind a tool that blocks, against the same session
 // idle.
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <unistd.h>
+#include "bench/BenchSupport.h"
 
 #include <benchmark/benchmark.h>
 
+#include <fcntl.h>
 #include <fstream>
 #include <iterator>
+#include <poll.h>
+#include <signal.h>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
-
-#include "bench/BenchSupport.h"
 
 namespace kb = korvex_bench;
 
@@ -44,11 +43,11 @@ long Count(const std::string& text, const std::string& what) {
 
 // Pushes `input` (lines) through child and reads as many lines back; the
 // wall time from the first byte written to the last line read.
-bool Pump(kb::CChild& child, const std::string& input, long lines, std::string& output,
-          double& seconds) {
+bool Pump(korvex_test::CChildProcess& child, const std::string& input, long lines,
+          std::string& output, double& seconds) {
   bool written = true;
   const std::int64_t t0 = kb::NowNs();
-  std::thread writer([&] { written = child.Write(input); });
+  std::thread writer([&] { written = child.WriteOnly(input); });
   const bool read = child.ReadLines(lines, 300000, &output);
   const std::int64_t t1 = kb::NowNs();
   writer.join();
@@ -90,31 +89,31 @@ bool StillRunning(pid_t pid) {
   return true;
 }
 
-std::vector<std::string> EmHostServe(const kb::CScratchDir& dir) {
+std::vector<std::string> EmHostServe(const korvex_test::CTempDir& dir) {
   return {kb::EmHostPath(), "--tool-root", dir.Path(), "--bmc-dir", dir.Path() + "/bmc", "serve"};
 }
 
 void BM_ServeThroughput(benchmark::State& state) {
   const long lines = kb::EnvNumber("KORVEX_BENCH_SERVE_LINES", 200000);
-  kb::CScratchDir dir("serve");
+  korvex_test::CTempDir dir("korvex-bench-serve");
   std::string error;
-  if (!dir.Ok() || !kb::InstallTool(dir.Path(), &error)) return kb::Fail(state, error);
+  if (!kb::InstallTool(dir.Path(), &error)) return kb::Fail(state, error);
   std::string input;
   input.reserve(static_cast<std::size_t>(lines) * 110);
   for (long i = 1; i <= lines; ++i) input += QueryLine(i);
 
   for (auto _ : state) {
     // em-host: started, warmed up with one query, then the stream.
-    kb::CChild host(EmHostServe(dir), {}, dir.Path() + "/stderr.log");
-    if (!host.Ok()) return kb::Fail(state, "cannot start em-host");
-    if (!host.Write(QueryLine(0)) || !host.ReadLines(1, 30000)) {
+    const auto host = kb::StartChild(EmHostServe(dir), {}, dir.Path() + "/stderr.log", &error);
+    if (!host) return kb::Fail(state, "cannot start em-host: " + error);
+    if (!host->Write(QueryLine(0)) || !host->ReadLines(1, 30000)) {
       return kb::Fail(state, "em-host serve did not answer");
     }
     std::string output;
     output.reserve(input.size() * 2);
     double seconds = 0;
-    if (!Pump(host, input, lines, output, seconds)) return kb::Fail(state, "em-host fell silent");
-    const int exit = host.Finish(30000);
+    if (!Pump(*host, input, lines, output, seconds)) return kb::Fail(state, "em-host fell silent");
+    const int exit = host->Finish(30).m_Exit;
     const long acks = Count(output, "\"event\":\"ack\",\"result\":1,");
     const long answered = Count(output, "\"ST\":0,\"DA\":1}");
     if (acks != lines || answered != lines || exit != 0) {
@@ -124,13 +123,13 @@ void BM_ServeThroughput(benchmark::State& state) {
     }
 
     // cat: the same bytes through the same kind of pipes.
-    kb::CChild cat({"/bin/cat"}, {});
-    if (!cat.Ok()) return kb::Fail(state, "cannot start cat");
+    const auto cat = kb::StartChild({"/bin/cat"}, {}, "", &error);
+    if (!cat) return kb::Fail(state, "cannot start cat: " + error);
     std::string echoed;
     echoed.reserve(input.size());
     double catSeconds = 0;
-    if (!Pump(cat, input, lines, echoed, catSeconds)) return kb::Fail(state, "cat fell silent");
-    cat.Finish(10000);
+    if (!Pump(*cat, input, lines, echoed, catSeconds)) return kb::Fail(state, "cat fell silent");
+    cat->Finish(10);
 
     state.counters["requests_per_s"] = static_cast<double>(lines) / seconds;
     state.counters["cat_lines_per_s"] = static_cast<double>(lines) / catSeconds;
@@ -140,75 +139,92 @@ void BM_ServeThroughput(benchmark::State& state) {
   }
 }
 
+struct CRssFigures {
+  long m_IdleHwm = -1;
+  long m_IdleRss = -1;
+  long m_QueuedHwm = -1;
+  long m_QueuedRss = -1;
+};
+
+// Idle (started, one query answered), then one creation that blocks in the
+// tool and 19 that queue behind it; the tool's pid from its record. "" or
+// what went wrong.
+std::string QueueBehindABlockedTool(korvex_test::CChildProcess& host, int stampFd,
+                                    CRssFigures& figures, pid_t& tool) {
+  std::string failed;
+  if (!host.Write(QueryLine(0)) || !host.ReadLines(1, 30000)) failed = "no answer to the query";
+  figures.m_IdleHwm = kb::StatusKb(host.Pid(), "VmHWM");
+  figures.m_IdleRss = kb::StatusKb(host.Pid(), "VmRSS");
+  std::int64_t record[2] = {0, 0};
+  if (failed.empty() && (!host.Write(CreateLine(1)) || !host.ReadLines(1, 30000))) {
+    failed = "no ack for the first creation";
+  }
+  if (failed.empty() && !ReadRecord(stampFd, record, sizeof(record), 10000)) {
+    failed = "the tool did not report that it runs";
+  }
+  tool = static_cast<pid_t>(record[1]);
+  std::string queued;
+  for (long id = 2; id <= 20; ++id) queued += CreateLine(id);
+  if (failed.empty() && (!host.Write(queued) || !host.ReadLines(19, 30000))) {
+    failed = "no acks for the 19 queued creations";
+  }
+  figures.m_QueuedHwm = kb::StatusKb(host.Pid(), "VmHWM");
+  figures.m_QueuedRss = kb::StatusKb(host.Pid(), "VmRSS");
+  return failed;
+}
+
+// quit stops the module: the worker is given up after its wait, the tool is
+// terminated. "" or what the host left behind.
+std::string EndSession(korvex_test::CChildProcess& host, int stampFd, pid_t tool) {
+  host.Write("{\"id\":99,\"control\":\"quit\"}\n");
+  host.Finish(60);
+  pollfd ended{stampFd, POLLIN, 0};
+  char drain[64];
+  while (::poll(&ended, 1, 5000) == 1 && ::read(stampFd, drain, sizeof(drain)) > 0) {
+  }
+  if (tool <= 1 || !StillRunning(tool)) return "";
+  ::kill(tool, SIGKILL);  // the host left it behind
+  return "em-host left the tool running";
+}
+
+// Every creation was queued and none met a full queue.
+std::string CheckQueueTrace(const std::string& trace) {
+  std::ifstream in(trace, std::ios::binary);
+  const std::string log((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const long inserted = Count(log, "Task with priority 0 inserted into task queue!");
+  const long full = Count(log, "is full");
+  if (inserted == 20 && full == 0) return "";
+  return "expected 20 insertions and no full queue, saw " + std::to_string(inserted) + " and " +
+         std::to_string(full);
+}
+
 void BM_ServePeakRss(benchmark::State& state) {
-  kb::CScratchDir dir("rss");
+  korvex_test::CTempDir dir("korvex-bench-rss");
   std::string error;
-  if (!dir.Ok() || !kb::InstallTool(dir.Path(), &error)) return kb::Fail(state, error);
+  if (!kb::InstallTool(dir.Path(), &error)) return kb::Fail(state, error);
+  const std::string trace = dir.Path() + "/trace.log";
+  std::vector<std::string> argv = EmHostServe(dir);
+  argv.insert(argv.end() - 1, {"--trace", trace, "--trace-level", "5"});
   for (auto _ : state) {
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) != 0) return kb::Fail(state, "pipe");
+    const korvex::CFd stamps(fds[0]);
     ::fcntl(fds[1], F_SETFD, 0);  // inherited: em-host passes it on to the tool
-    const std::string trace = dir.Path() + "/trace.log";
-    std::vector<std::string> argv = EmHostServe(dir);
-    argv.insert(argv.end() - 1, {"--trace", trace, "--trace-level", "5"});
-    kb::CChild host(argv,
-                    {"KORVEX_BENCH_STAMP_FD=" + std::to_string(fds[1]),
-                     "KORVEX_BENCH_TOOL_MODE=block"},
-                    dir.Path() + "/stderr.log");
+    const auto host = kb::StartChild(
+        argv, {"KORVEX_BENCH_STAMP_FD=" + std::to_string(fds[1]), "KORVEX_BENCH_TOOL_MODE=block"},
+        dir.Path() + "/stderr.log", &error);
     ::close(fds[1]);
-    if (!host.Ok()) {
-      ::close(fds[0]);
-      return kb::Fail(state, "cannot start em-host");
-    }
-    // Idle: started, one query answered.
-    std::string failed;
-    if (!host.Write(QueryLine(0)) || !host.ReadLines(1, 30000)) failed = "no answer to the query";
-    const long idleHwm = kb::StatusKb(host.Pid(), "VmHWM");
-    const long idleRss = kb::StatusKb(host.Pid(), "VmRSS");
-
-    // One creation that blocks in the tool, then 19 that queue behind it.
-    std::int64_t record[2] = {0, 0};
-    if (failed.empty() && (!host.Write(CreateLine(1)) || !host.ReadLines(1, 30000))) {
-      failed = "no ack for the first creation";
-    }
-    if (failed.empty() && !ReadRecord(fds[0], record, sizeof(record), 10000)) {
-      failed = "the tool did not report that it runs";
-    }
-    std::string queued;
-    for (long id = 2; id <= 20; ++id) queued += CreateLine(id);
-    if (failed.empty() && (!host.Write(queued) || !host.ReadLines(19, 30000))) {
-      failed = "no acks for the 19 queued creations";
-    }
-    const long hwm = kb::StatusKb(host.Pid(), "VmHWM");
-    const long rss = kb::StatusKb(host.Pid(), "VmRSS");
-
-    // quit stops the module: the worker is given up after its wait, the tool
-    // is terminated.
-    host.Write("{\"id\":99,\"control\":\"quit\"}\n");
-    host.Finish(60000);
-    pollfd ended{fds[0], POLLIN, 0};
-    char drain[64];
-    while (::poll(&ended, 1, 5000) == 1 && ::read(fds[0], drain, sizeof(drain)) > 0) {
-    }
-    if (record[1] > 1 && StillRunning(static_cast<pid_t>(record[1]))) {
-      ::kill(static_cast<pid_t>(record[1]), SIGKILL);  // the host left it behind
-      if (failed.empty()) failed = "em-host left the tool running";
-    }
-    ::close(fds[0]);
+    if (!host) return kb::Fail(state, "cannot start em-host: " + error);
+    CRssFigures figures;
+    pid_t tool = 0;
+    std::string failed = QueueBehindABlockedTool(*host, stamps.Get(), figures, tool);
+    const std::string left = EndSession(*host, stamps.Get(), tool);
+    if (failed.empty()) failed = left.empty() ? CheckQueueTrace(trace) : left;
     if (!failed.empty()) return kb::Fail(state, failed);
-
-    std::ifstream in(trace, std::ios::binary);
-    const std::string log((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    const long inserted = Count(log, "Task with priority 0 inserted into task queue!");
-    const long full = Count(log, "is full");
-    if (inserted != 20 || full != 0) {
-      return kb::Fail(state, "expected 20 insertions and no full queue, saw " +
-                                 std::to_string(inserted) + " and " + std::to_string(full));
-    }
-    state.counters["idle_hwm_kb"] = static_cast<double>(idleHwm);
-    state.counters["idle_rss_kb"] = static_cast<double>(idleRss);
-    state.counters["queued_hwm_kb"] = static_cast<double>(hwm);
-    state.counters["queued_rss_kb"] = static_cast<double>(rss);
+    state.counters["idle_hwm_kb"] = static_cast<double>(figures.m_IdleHwm);
+    state.counters["idle_rss_kb"] = static_cast<double>(figures.m_IdleRss);
+    state.counters["queued_hwm_kb"] = static_cast<double>(figures.m_QueuedHwm);
+    state.counters["queued_rss_kb"] = static_cast<double>(figures.m_QueuedRss);
   }
 }
 

@@ -96,8 +96,7 @@ void RemoveSettled(const std::string& dir, const std::string& name) {
 void BM_Transfer(benchmark::State& state) {
   const unsigned long long size = static_cast<unsigned long long>(state.range(0)) << 20;
   const int rounds = size >= (512ull << 20) ? 3 : 5;
-  kb::CScratchDir dir("transfer");
-  if (!dir.Ok()) return kb::Fail(state, "no scratch directory");
+  korvex_test::CTempDir dir("korvex-bench-transfer");
   const std::string source = dir.Path() + "/Korvex_Data.zip";
   const std::string bmc = dir.Path() + "/bmc";
   ::mkdir(bmc.c_str(), 0755);
@@ -216,32 +215,36 @@ void BM_FindProcessCrowd(benchmark::State& state) {
 
 // ----- serve's memory over a long session ---------------------------------------------
 
+// Writes `lines` installation queries in batches of about 1 MiB, reading
+// nothing (the benchmark's thread reads the answers meanwhile).
+bool WriteQueries(korvex_test::CChildProcess& host, long lines) {
+  std::string batch;
+  for (long i = 1; i <= lines; ++i) {
+    batch += "{\"id\":" + std::to_string(i) + ",\"request\":" + kb::RequestText(kb::kOpcodeQuery) +
+             "}\n";
+    if (batch.size() <= (1u << 20) && i != lines) continue;
+    if (!host.WriteOnly(batch)) return false;
+    batch.clear();
+  }
+  return true;
+}
+
 void BM_ServeRssLines(benchmark::State& state) {
   const long lines = state.range(0);
-  kb::CScratchDir dir("serve-rss");
+  korvex_test::CTempDir dir("korvex-bench-serve-rss");
   std::string error;
-  if (!dir.Ok() || !kb::InstallTool(dir.Path(), &error)) return kb::Fail(state, error);
+  if (!kb::InstallTool(dir.Path(), &error)) return kb::Fail(state, error);
   for (auto _ : state) {
-    kb::CChild host(
+    const auto host = kb::StartChild(
         {kb::EmHostPath(), "--tool-root", dir.Path(), "--bmc-dir", dir.Path() + "/bmc", "serve"},
-        {}, dir.Path() + "/stderr.log");
-    if (!host.Ok()) return kb::Fail(state, "cannot start em-host");
+        {}, dir.Path() + "/stderr.log", &error);
+    if (!host) return kb::Fail(state, "cannot start em-host: " + error);
     bool written = true;
-    std::thread writer([&] {
-      std::string batch;
-      for (long i = 1; i <= lines && written; ++i) {
-        batch += "{\"id\":" + std::to_string(i) +
-                 ",\"request\":" + kb::RequestText(kb::kOpcodeQuery) + "}\n";
-        if (batch.size() > (1u << 20) || i == lines) {
-          written = host.Write(batch);
-          batch.clear();
-        }
-      }
-    });
-    const bool read = host.ReadLines(lines, 600000);
+    std::thread writer([&] { written = WriteQueries(*host, lines); });
+    const bool read = host->ReadLines(lines, 600000);
     writer.join();
-    const long hwm = kb::StatusKb(host.Pid(), "VmHWM");
-    host.Finish(30000);
+    const long hwm = kb::StatusKb(host->Pid(), "VmHWM");
+    host->Finish(30);
     if (!written || !read) return kb::Fail(state, "em-host did not answer every line");
     state.counters["hwm_kb"] = static_cast<double>(hwm);
     state.counters["lines"] = static_cast<double>(lines);

@@ -3,7 +3,8 @@
 // root, and the demo tool), driven through pipes.
 #include "frame/HostServices.h"
 #include "host/emhost/bmc/Sha256.h"
-#include "tests/emhost/EmHostProcess.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Processes.h"
 #include "tests/support/TempFiles.h"
 
 #include <gtest/gtest.h>
@@ -27,38 +28,11 @@
 
 namespace {
 
-using korvex_test::Entries;
+// Scratch directories, files, child processes and process state.
+using namespace korvex_test;
 
 const std::string kEmHost = EMHOST_BIN;
 const std::string kDemoTool = EMHOST_DEMO_TOOL;
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-void WriteFile(const std::string& path, const std::string& content, mode_t mode = 0644) {
-  {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-  }
-  ::chmod(path.c_str(), mode);
-}
-
-bool Exists(const std::string& path) {
-  struct stat info {};
-  return ::stat(path.c_str(), &info) == 0;
-}
-
-// A process is gone when it no longer exists or is only a zombie.
-bool Running(pid_t pid) {
-  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
-  if (stat.empty()) return false;
-  const std::size_t paren = stat.rfind(')');
-  return paren != std::string::npos && paren + 2 < stat.size() && stat[paren + 2] != 'Z';
-}
 
 // Waits up to timeoutMs for path to exist with some content.
 bool WaitForFile(const std::string& path, int timeoutMs, CChildProcess* pump = nullptr) {
@@ -183,10 +157,7 @@ const char kToolSleeps[] =
 class EmHostEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/emhost-e2e.XXXXXX";
-    const char* made = ::mkdtemp(pattern);
-    ASSERT_NE(made, nullptr);
-    m_Dir = made;
+    m_Dir = m_Temp.Path();
     m_Root = m_Dir + "/tool";
     m_Bmc = m_Dir + "/bmc";
     ASSERT_EQ(::mkdir(m_Root.c_str(), 0755), 0);
@@ -200,12 +171,6 @@ class EmHostEndToEnd : public ::testing::Test {
         GTEST_SKIP() << "a process named Korvex that is not ours runs (pid " << foreign << ")";
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-  }
-  void TearDown() override {
-    const std::string command = "rm -rf '" + m_Dir + "'";
-    if (std::system(command.c_str()) != 0) {
-      // A left-over temporary directory does no harm.
     }
   }
 
@@ -241,6 +206,7 @@ class EmHostEndToEnd : public ::testing::Test {
            m_Root + R"(/Korvex_Data.zip","BmcFilePath":")" + name + R"("}}]}}})";
   }
 
+  korvex_test::CTempDir m_Temp{"emhost-e2e"};
   std::string m_Dir;
   std::string m_Root;
   std::string m_Bmc;
@@ -781,14 +747,14 @@ TEST_F(EmHostEndToEnd, CtrlCDuringCreateStopsTheModuleAndEndsTheTool) {
   ASSERT_TRUE(WaitForFile(m_Root + "/sleep.pid", 30000, &emHost));
   const pid_t tool = std::stoi(ReadFile(m_Root + "/tool.pid"));
   const pid_t sleeper = std::stoi(ReadFile(m_Root + "/sleep.pid"));
-  ASSERT_TRUE(Running(tool));
+  ASSERT_TRUE(ProcessRuns(tool));
   ASSERT_EQ(::kill(emHost.Pid(), SIGINT), 0);
   const CFinished run = emHost.Finish(60);
   EXPECT_EQ(run.m_Exit, 130);
   EXPECT_EQ(run.m_Out, "create: creating the Korvex archive\n");
   EXPECT_EQ(run.m_Err, "em-host: interrupted; stopping the module, which ends a running Korvex\n");
-  EXPECT_FALSE(Running(tool));
-  EXPECT_FALSE(Running(sleeper));
+  EXPECT_FALSE(ProcessRuns(tool));
+  EXPECT_FALSE(ProcessRuns(sleeper));
 }
 
 TEST_F(EmHostEndToEnd, CtrlCDuringAServeWaitStopsTheModuleAndEndsTheTool) {
@@ -805,8 +771,8 @@ TEST_F(EmHostEndToEnd, CtrlCDuringAServeWaitStopsTheModuleAndEndsTheTool) {
   // The wait is cut short: no control line for it; the tool is ended.
   EXPECT_EQ(Lines(run.m_Out), (std::vector<std::string>{Ack("1", 1, CreateStatus(22))}));
   EXPECT_EQ(run.m_Err, "");
-  EXPECT_FALSE(Running(tool));
-  EXPECT_FALSE(Running(sleeper));
+  EXPECT_FALSE(ProcessRuns(tool));
+  EXPECT_FALSE(ProcessRuns(sleeper));
 }
 
 TEST_F(EmHostEndToEnd, SigtermEndsAnIdleServeSession) {
@@ -835,8 +801,8 @@ TEST_F(EmHostEndToEnd, TimeoutStopsTheModuleAndEndsTheTool) {
             "em-host: create: no answer within 1 s; stopping the module, which ends a running "
             "Korvex\nem-host: create: module stopped\n");
   ASSERT_FALSE(ReadFile(m_Root + "/tool.pid").empty());
-  EXPECT_FALSE(Running(std::stoi(ReadFile(m_Root + "/tool.pid"))));
-  EXPECT_FALSE(Running(std::stoi(ReadFile(m_Root + "/sleep.pid"))));
+  EXPECT_FALSE(ProcessRuns(std::stoi(ReadFile(m_Root + "/tool.pid"))));
+  EXPECT_FALSE(ProcessRuns(std::stoi(ReadFile(m_Root + "/sleep.pid"))));
 }
 
 TEST_F(EmHostEndToEnd, CleanupRemovesTheArchive) {

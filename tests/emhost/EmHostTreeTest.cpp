@@ -6,8 +6,10 @@
 // grandchild, a TERM trap that removes a scratch directory, JSON lines on
 // their output and a read of their input.
 #include "frame/HostServices.h"
-#include "tests/emhost/EmHostProcess.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/CollectorTool.h"
+#include "tests/support/Processes.h"
+#include "tests/support/TempFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -28,36 +30,11 @@
 
 namespace {
 
+// Scratch directories, files, child processes and process state.
+using namespace korvex_test;
 const std::string kEmHost = EMHOST_BIN;
 const std::string kCreate = R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"TO":30}]}})";
 const std::string kQuery = R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":0,"TO":30}]}})";
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-void WriteFile(const std::string& path, const std::string& content, mode_t mode) {
-  {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-  }
-  ::chmod(path.c_str(), mode);
-}
-
-bool Exists(const std::string& path) {
-  struct stat info {};
-  return ::lstat(path.c_str(), &info) == 0;
-}
-
-// Alive and not a zombie.
-bool Running(pid_t pid) {
-  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
-  const std::size_t paren = stat.rfind(')');
-  return paren != std::string::npos && paren + 2 < stat.size() && stat[paren + 2] != 'Z';
-}
 
 // Running processes whose command line holds marker.
 int CountWith(const std::string& marker) {
@@ -71,7 +48,7 @@ int CountWith(const std::string& marker) {
     for (char& c : commandLine) {
       if (c == '\0') c = ' ';
     }
-    if (commandLine.find(marker) != std::string::npos && Running(std::stoi(name))) ++count;
+    if (commandLine.find(marker) != std::string::npos && ProcessRuns(std::stoi(name))) ++count;
   }
   ::closedir(proc);
   return count;
@@ -99,10 +76,7 @@ std::string RequestLine(const std::string& id, const std::string& message) {
 class EmHostTree : public ::testing::Test {
  protected:
   void SetUp() override {
-    char pattern[] = "/tmp/emhost-tree.XXXXXX";
-    const char* made = ::mkdtemp(pattern);
-    ASSERT_NE(made, nullptr);
-    m_Dir = made;
+    m_Dir = m_Temp.Path();
     ASSERT_EQ(0, ::chmod(m_Dir.c_str(), 0755));
     m_Root = m_Dir + "/tool";
     m_Work = m_Dir + "/work";
@@ -113,11 +87,6 @@ class EmHostTree : public ::testing::Test {
     m_Ready = m_Work + "/ready";
     static int counter = 0;
     m_Marker = std::to_string(8000000 + (::getpid() % 1000) * 100 + counter++);
-  }
-  void TearDown() override {
-    if (std::system(("rm -rf '" + m_Dir + "'").c_str()) != 0) {
-      // A left-over temporary directory does no harm.
-    }
   }
 
   // The collector: every process of its tree carries the marker.
@@ -159,6 +128,7 @@ class EmHostTree : public ::testing::Test {
     EXPECT_EQ(std::string::npos, Log().find("tool read:")) << Log();
   }
 
+  korvex_test::CTempDir m_Temp{"emhost-tree"};
   std::string m_Dir;
   std::string m_Root;
   std::string m_Work;
@@ -366,7 +336,7 @@ TEST_F(EmHostTree, ServeActsOnASignalWhileItsReaderStalls) {
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   ASSERT_EQ(0, ::kill(host.Pid(), SIGTERM));
   // Ends without anyone reading its output.
-  EXPECT_TRUE(WaitFor([&] { return !Running(host.Pid()); }, 20000));
+  EXPECT_TRUE(WaitFor([&] { return !ProcessRuns(host.Pid()); }, 20000));
   const CFinished done = host.Finish(60);
   EXPECT_EQ(128 + SIGTERM, done.m_Exit);
 }

@@ -19,8 +19,9 @@
 #include "frame/ModuleEntry.h"
 #include "host/HostControl.h"
 #include "message/SipJson.h"
+#include "tests/support/RecordingSwitch.h"
+#include "tests/support/TempFiles.h"
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -31,54 +32,40 @@
 
 namespace {
 
-class CFuzzSwitch : public CISwitch {
- public:
-  unsigned int GetServiceType() override { return 5; }
-  int AsyncRequest(CIExtensionModule*, SipJson& request, unsigned int) override {
-    const unsigned int answer = m_Answer.load();
-    if (answer != 0xFFFFFFFFu) request.SetCmdValue(request.GetCmd(), "ST", answer, 0);
-    return 1;
-  }
-  int SendReply(CIExtensionModule*, SipJson& message) override {
-    // The message is the queue's copy: read it whole once, as a switch would.
-    (void)message.ToJson();
-    ++m_Replies;
-    return 1;
-  }
-  std::atomic<unsigned int> m_Answer{0};
-  std::atomic<unsigned long> m_Replies{0};
-};
+constexpr unsigned int kNoAnswer = 0xFFFFFFFFu;
 
-CFuzzSwitch g_Switch;
+// Replies are read whole once, as a switch would, and not kept.
+CRecordingSwitch g_Switch{/*keepCopies=*/false};
 CIExtensionModule* g_Module = nullptr;
-std::string g_Root;
+korvex_test::CTempDir* g_Root = nullptr;
+
+// What the file transfer answers: writes status as "ST", or nothing.
+void AnswerTransfersWith(unsigned int status) {
+  g_Switch.SetAsyncAnswer([status](SipJson& request) {
+    if (status != kNoAnswer) request.SetCmdValue(request.GetCmd(), "ST", status, 0);
+  });
+}
 
 void StopModule() {
   if (g_Module == nullptr) return;
   g_Module->Stop();
   EM_Delete(nullptr);
   g_Module = nullptr;
-  if (!g_Root.empty()) {
-    ::rmdir((g_Root + "/Korvex").c_str());
-    ::rmdir((g_Root + "/Korvex_Data.zip").c_str());
-    ::rmdir(g_Root.c_str());
-  }
+  delete g_Root;
+  g_Root = nullptr;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  const char* base = std::getenv("TMPDIR");
-  std::string pattern =
-      std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/korvex-fuzz.XXXXXX";
-  if (::mkdtemp(&pattern[0]) == nullptr) std::abort();
-  g_Root = pattern;
-  if (::mkdir((g_Root + "/Korvex").c_str(), 0755) != 0 ||
-      ::mkdir((g_Root + "/Korvex_Data.zip").c_str(), 0755) != 0) {
+  g_Root = new korvex_test::CTempDir("korvex-fuzz");
+  if (::mkdir((*g_Root / "Korvex").c_str(), 0755) != 0 ||
+      ::mkdir((*g_Root / "Korvex_Data.zip").c_str(), 0755) != 0) {
     std::abort();
   }
   halvane::ClearRegistry();
-  halvane::SetRegistryValue(halvane::ProductRootKey("Korvex") + "\\Setup", "FileRoot", g_Root);
+  halvane::SetRegistryValue(halvane::ProductRootKey("Korvex") + "\\Setup", "FileRoot",
+                            g_Root->Path());
   halvane::InstallThreadMonitor();
   halvane::TraceToMemory();
   halvane::SetTraceLevel(5);
@@ -100,8 +87,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::uint8_t selector = data[1];
   static const unsigned int kCabinets[] = {0u, 3u, 0xFFFFFFFFu, 0u};
   CExtensionModule::ServerCabinetNr = kCabinets[selector & 3u];
-  static const unsigned int kAnswers[] = {0u, 8u, 0xFFFFFFFFu, 12u};
-  g_Switch.m_Answer = kAnswers[(selector >> 2) & 3u];
+  static const unsigned int kAnswers[] = {0u, 8u, kNoAnswer, 12u};
+  AnswerTransfersWith(kAnswers[(selector >> 2) & 3u]);
 
   SipJson request;
   request.FromJson(reinterpret_cast<const char*>(data + 2), size - 2, 32, nullptr);

@@ -36,10 +36,10 @@ const std::string kArchive = "archive bytes\n";
 class BmcPath : public ::testing::Test {
  protected:
   void SetUp() override {
-    m_Bmc = m_Area.Dir("bmc");
-    m_Outside = m_Area.Dir("outside");
-    m_Cwd = m_Area.Dir("cwd");
-    m_Source = m_Area.Dir("src") + "/Korvex_Data.zip";
+    m_Bmc = m_Area.Sub("bmc");
+    m_Outside = m_Area.Sub("outside");
+    m_Cwd = m_Area.Sub("cwd");
+    m_Source = m_Area.Sub("src") + "/Korvex_Data.zip";
     WriteFile(m_Source, kArchive);
     WriteFile(m_Outside + "/target", "outside, never to be written\n");
     ASSERT_EQ(0, ::symlink("../outside/target", (m_Bmc + "/link").c_str()));
@@ -112,7 +112,7 @@ class BmcPath : public ::testing::Test {
     EXPECT_EQ("outside, never to be written\n", ReadFile(m_Outside + "/target"));
   }
 
-  CScratch m_Area;
+  CTempDir m_Area;
   std::string m_Bmc;
   std::string m_Outside;
   std::string m_Cwd;
@@ -207,7 +207,7 @@ std::string TransferReply(int id, unsigned int status) {
 TEST_F(BmcPath, ThroughTheModuleNoNameLeavesTheDirectory) {
   // The tool's root holds the archive; "Korvex" is a directory, which the
   // module counts as installed, so no tool process is involved at all.
-  const std::string root = m_Area.Dir("root");
+  const std::string root = m_Area.Sub("root");
   ASSERT_EQ(0, ::mkdir((root + "/Korvex").c_str(), 0755));
   WriteFile(root + "/Korvex_Data.zip", kArchive);
   const auto before = Snapshot(m_Area.Path());
@@ -244,12 +244,12 @@ TEST_F(BmcPath, ThroughTheModuleNoNameLeavesTheDirectory) {
   std::set<std::string> stored;
   for (std::size_t i = 0; i < cases.size(); ++i) {
     const int id = static_cast<int>(i + 1);
-    host.Send(TransferLine(id, cases[i].m_Data));
+    host.WriteLine(TransferLine(id, cases[i].m_Data));
     const std::string prefix = "{\"id\":" + std::to_string(id) + ",\"event\":\"reply\"";
     ASSERT_TRUE(
         host.WaitForLine([&](const std::string& l) { return l.rfind(prefix, 0) == 0; }, 60s))
         << "case " << id << ": no reply\n"
-        << host.Output() << host.Errors();
+        << host.Out() << host.Err();
     const std::vector<std::string> lines = host.OutputLines();
     EXPECT_NE(lines.end(),
               std::find(lines.begin(), lines.end(), TransferReply(id, cases[i].m_Status)))
@@ -260,7 +260,7 @@ TEST_F(BmcPath, ThroughTheModuleNoNameLeavesTheDirectory) {
     }
   }
   host.CloseInput();
-  EXPECT_EQ(0, host.WaitForExit(60s)) << host.Errors();
+  EXPECT_EQ(0, host.WaitForExit(60s)) << host.Err();
   ExpectOnlyBmcChanged(before, stored);
 }
 

@@ -65,8 +65,8 @@ class Fault : public ::testing::Test {
     if (!WaitUntilNoneNamed("Korvex", 30s)) {
       GTEST_SKIP() << "a Korvex process of somebody else keeps running";
     }
-    m_Root = m_Area.Dir("root");
-    m_Bmc = m_Area.Dir("bmc");
+    m_Root = m_Area.Sub("root");
+    m_Bmc = m_Area.Sub("bmc");
     m_Trace = m_Area / "trace.txt";
     m_Fifo = m_Area / "block";
     ASSERT_EQ(0, ::mkfifo(m_Fifo.c_str(), 0600));
@@ -89,7 +89,7 @@ class Fault : public ::testing::Test {
   // builtin; the open of a fifo without a writer waits).
   std::string BlockOnFifo() const { return "read -r line < " + ShellQuote(m_Fifo) + "\n"; }
 
-  CScratch m_Area;
+  CTempDir m_Area;
   std::string m_Root;
   std::string m_Bmc;
   std::string m_Trace;
@@ -103,25 +103,25 @@ TEST_F(Fault, ToolKilledFromOutsideWithSigkillAnswersStatusSix) {
                                       ShellQuote(pidFile + ".tmp") + " " + ShellQuote(pidFile) +
                                       "\n" + BlockOnFifo() + "exit 0");
   CEmHost host(ServeArguments(m_Root));
-  host.Send(kCreateRequest);
+  host.WriteLine(kCreateRequest);
   ASSERT_TRUE(host.WaitForLine([](const std::string& l) { return l == kCreateAck; }, kReplyBound))
-      << host.Output() << host.Errors();
+      << host.Out() << host.Err();
   ASSERT_TRUE(WaitUntil(
       [&] {
         host.WaitForLine([](const std::string&) { return false; }, std::chrono::milliseconds(1));
-        return Exists(pidFile) || MetForeignKorvex(host.Output());
+        return Exists(pidFile) || MetForeignKorvex(host.Out());
       },
       kReplyBound));
-  SKIP_IF_FOREIGN_KORVEX(host.Output());
+  SKIP_IF_FOREIGN_KORVEX(host.Out());
   const pid_t tool = static_cast<pid_t>(std::stol(ReadFile(pidFile)));
   ASSERT_EQ(0, ::kill(tool, SIGKILL));
 
   // A signal's death is reported as 128 + 9 and judged as a failed run.
   EXPECT_TRUE(
       host.WaitForLine([](const std::string& l) { return l == CreateReply(6); }, kReplyBound))
-      << host.Output();
-  host.Send(R"({"id":2,"control":"quit"})");
-  EXPECT_EQ(0, host.WaitForExit(kStopBound)) << host.Errors();
+      << host.Out();
+  host.WriteLine(R"({"id":2,"control":"quit"})");
+  EXPECT_EQ(0, host.WaitForExit(kStopBound)) << host.Err();
   EXPECT_TRUE(Contains(ReadFile(m_Trace),
                        "\nEM_KORVEX (Create)  : ## ERROR! Korvex archive process was terminated "
                        "unsuccessfully; process exit code = 0x89!"))
@@ -137,22 +137,22 @@ TEST_F(Fault, ToolThatLeavesAGrandchildRunningLeavesNothingBehind) {
                                       "\necho archive > \"$(dirname \"$0\")/Korvex_Data.zip\"\n"
                                       "exit 0");
   CEmHost host(ServeArguments(m_Root));
-  host.Send(kCreateRequest);
+  host.WriteLine(kCreateRequest);
   host.WaitForLine(
       [](const std::string& l) { return l.find("\"event\":\"reply\"") != std::string::npos; },
       kReplyBound);
-  SKIP_IF_FOREIGN_KORVEX(host.Output());
+  SKIP_IF_FOREIGN_KORVEX(host.Out());
   EXPECT_TRUE(host.WaitForLine([](const std::string& l) { return l == CreateReply(0); },
                                std::chrono::milliseconds(1)))
-      << host.Output() << host.Errors();
+      << host.Out() << host.Err();
   ASSERT_TRUE(Exists(orphanPid));
   // The tool has ended and was answered for; what it left in its process
   // group is ended with it.
   EXPECT_TRUE(WaitUntilNoneNamed("kvx-orphan", 10s, m_Area.Path()))
       << "the tool's grandchild was left running";
   KillAllNamed("kvx-orphan", m_Area.Path());
-  host.Send(R"({"id":2,"control":"quit"})");
-  EXPECT_EQ(0, host.WaitForExit(kStopBound)) << host.Errors();
+  host.WriteLine(R"({"id":2,"control":"quit"})");
+  EXPECT_EQ(0, host.WaitForExit(kStopBound)) << host.Err();
 }
 
 TEST_F(Fault, ToolThatClosesItsOutputAndHangsIsEndedByTheTimeout) {
@@ -168,23 +168,23 @@ TEST_F(Fault, ToolThatClosesItsOutputAndHangsIsEndedByTheTimeout) {
 TEST_F(Fault, ToolThatClosesItsOutputAndHangsIsEndedWhenTheSessionEnds) {
   WriteScript(m_Root + "/Korvex", "exec 1>&- 2>&-\n" + BlockOnFifo() + "exit 0");
   CEmHost host(ServeArguments(m_Root));
-  host.Send(kCreateRequest);
+  host.WriteLine(kCreateRequest);
   ASSERT_TRUE(host.WaitForLine([](const std::string& l) { return l == kCreateAck; }, kReplyBound))
-      << host.Output() << host.Errors();
+      << host.Out() << host.Err();
   ASSERT_TRUE(
       WaitUntil([&] { return !ProcessesNamed("Korvex", m_Area.Path()).empty(); }, kReplyBound));
-  host.Send(R"({"id":2,"control":"wait","timeout_ms":1500})");
+  host.WriteLine(R"({"id":2,"control":"wait","timeout_ms":1500})");
   host.WaitForLineContaining(R"("control":"wait")", kReplyBound);
-  SKIP_IF_FOREIGN_KORVEX(host.Output());
+  SKIP_IF_FOREIGN_KORVEX(host.Out());
   EXPECT_TRUE(host.WaitForLine(
       [](const std::string& l) {
         return l == R"({"id":2,"event":"control","control":"wait","result":0})";
       },
       kReplyBound))
-      << host.Output();
+      << host.Out();
   const auto start = std::chrono::steady_clock::now();
   host.CloseInput();
-  EXPECT_EQ(0, host.WaitForExit(kStopBound)) << host.Errors();
+  EXPECT_EQ(0, host.WaitForExit(kStopBound)) << host.Err();
   EXPECT_LT(std::chrono::steady_clock::now() - start, kStopBound);
   // The worker was ended inside the tool's run: no reply for the request.
   for (const std::string& line : host.OutputLines()) {
@@ -201,7 +201,7 @@ TEST_F(Fault, ToolThatClosesItsOutputAndHangsIsEndedWhenTheSessionEnds) {
 TEST_F(Fault, ArchiveRootThatIsNotWritableAnswersStatusSix) {
   // Root ignores permission bits, so for root the tool's directory is a
   // read-only mount; for anybody else a directory without write permission.
-  const std::string root = m_Area.Dir("readonly");
+  const std::string root = m_Area.Sub("readonly");
   const bool asRoot = ::geteuid() == 0;
   if (asRoot) {
     if (::mount("tmpfs", root.c_str(), "tmpfs", 0, "size=1m,mode=0755") != 0) {
@@ -219,16 +219,16 @@ TEST_F(Fault, ArchiveRootThatIsNotWritableAnswersStatusSix) {
   }
 
   CEmHost host(ServeArguments(root));
-  host.Send(kCreateRequest);
+  host.WriteLine(kCreateRequest);
   host.WaitForLine(
       [](const std::string& l) { return l.find("\"event\":\"reply\"") != std::string::npos; },
       kReplyBound);
-  SKIP_IF_FOREIGN_KORVEX(host.Output());
+  SKIP_IF_FOREIGN_KORVEX(host.Out());
   EXPECT_TRUE(host.WaitForLine([](const std::string& l) { return l == CreateReply(6); },
                                std::chrono::milliseconds(1)))
-      << host.Output() << host.Errors();
-  host.Send(R"({"id":2,"control":"quit"})");
-  EXPECT_EQ(0, host.WaitForExit(kStopBound)) << host.Errors();
+      << host.Out() << host.Err();
+  host.WriteLine(R"({"id":2,"control":"quit"})");
+  EXPECT_EQ(0, host.WaitForExit(kStopBound)) << host.Err();
   const std::string trace = ReadFile(m_Trace);
   // EROFS (30) on the read-only mount, EACCES (13) without write permission.
   EXPECT_TRUE(Contains(trace, std::string("\nEM_KORVEX           : ## ERROR! Old Korvex archive "
@@ -246,7 +246,7 @@ TEST_F(Fault, RootPathWithSpacesAndShellMetacharactersIsUsedLiterally) {
   // Would a shell ever see the path, one of these would create KVX_PWNED.
   const std::string name =
       "a b;c $(touch KVX_PWNED) `touch KVX_PWNED` && | < > ' \" * ? ! # ~ % \\";
-  const std::string root = m_Area.Dir(name);
+  const std::string root = m_Area.Sub(name);
   ASSERT_TRUE(Exists(root + "/"));
   WriteScript(root + "/Korvex", "echo archive > \"$(dirname \"$0\")/Korvex_Data.zip\"\nexit 0");
   const CResult result = RunEmHost({"--tool-root", root, "--bmc-dir", m_Bmc, "--trace", m_Trace,
@@ -288,12 +288,12 @@ TEST_F(Fault, ToolThatIsADirectoryCountsAsInstalledAndAnswersStatusSix) {
       << create.m_Err;
 
   CEmHost host(ServeArguments(m_Root));
-  host.Send(kCreateRequest);
+  host.WriteLine(kCreateRequest);
   EXPECT_TRUE(
       host.WaitForLine([](const std::string& l) { return l == CreateReply(6); }, kReplyBound))
-      << host.Output() << host.Errors();
-  host.Send(R"({"id":2,"control":"quit"})");
-  EXPECT_EQ(0, host.WaitForExit(kStopBound)) << host.Errors();
+      << host.Out() << host.Err();
+  host.WriteLine(R"({"id":2,"control":"quit"})");
+  EXPECT_EQ(0, host.WaitForExit(kStopBound)) << host.Err();
   // The tool could not be run: no exit of a tool process is reported.
   EXPECT_FALSE(Contains(ReadFile(m_Trace), "Korvex process exit"));
 }
@@ -334,7 +334,7 @@ TEST_F(Fault, MissingOrUnreadableConfigurationFileIsAClearError) {
                 ": cannot read registry file: No such file or directory\n",
             result.m_Err);
 
-  const std::string directory = m_Area.Dir("a-directory");
+  const std::string directory = m_Area.Sub("a-directory");
   result = RunEmHost({"--registry", directory, "create"}, kStopBound);
   EXPECT_EQ(3, result.m_Exit);
   EXPECT_EQ("em-host: cannot load the configuration store: " + directory +

@@ -19,6 +19,8 @@
 #include "host/HostControl.h"
 #include "message/SipJson.h"
 #include "tests/hardening/HardeningSupport.h"
+#include "tests/support/RecordingSwitch.h"
+#include "util/Fd.h"
 
 #include <gtest/gtest.h>
 
@@ -52,8 +54,7 @@ extern "C" int usleep(useconds_t microseconds) {
   if (cap != 0 && microseconds > cap) microseconds = cap;
   timespec left{static_cast<time_t>(microseconds / 1000000u),
                 static_cast<long>(microseconds % 1000000u) * 1000L};
-  while (nanosleep(&left, &left) != 0 && errno == EINTR) {
-  }
+  KORVEX_RETRY(nanosleep(&left, &left));  // left holds what is left after a signal
   return 0;
 }
 
@@ -101,52 +102,13 @@ struct CLedger {
 };
 
 // The switch: the "other module" answers every AsyncRequest with status 0,
-// and every reply is counted by the "OI" of the request it answers.
-class CCountingSwitch : public CISwitch {
+// and every reply is counted by the "OI" of the request it answers (no
+// copies: a run sends thousands).
+class CCountingSwitch : public CRecordingSwitch {
  public:
-  unsigned int GetServiceType() override { return 5; }
-
-  int AsyncRequest(CIExtensionModule*, SipJson& request, unsigned int) override {
-    request.SetCmdValue(request.GetCmd(), "ST", 0, 0);
-    ++m_AsyncRequests;
-    return 1;
+  CCountingSwitch() : CRecordingSwitch(/*keepCopies=*/false) {
+    SetAsyncAnswer([](SipJson& request) { request.SetCmdValue(request.GetCmd(), "ST", 0, 0); });
   }
-
-  int SendReply(CIExtensionModule*, SipJson& message) override {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    ++m_Replies[message.ObjectId()];
-    ++m_Statuses[message.Status()];
-    ++m_ReplyCount;
-    m_Changed.notify_all();
-    return 1;
-  }
-
-  bool WaitForReplies(std::size_t count, std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(m_Mutex);
-    return m_Changed.wait_for(lock, timeout, [&] { return m_ReplyCount >= count; });
-  }
-
-  std::map<unsigned int, unsigned int> Replies() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    return m_Replies;
-  }
-  std::map<unsigned int, unsigned int> Statuses() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    return m_Statuses;
-  }
-  std::size_t ReplyCount() {
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    return m_ReplyCount;
-  }
-
-  std::atomic<unsigned long> m_AsyncRequests{0};
-
- private:
-  std::mutex m_Mutex;
-  std::condition_variable m_Changed;
-  std::map<unsigned int, unsigned int> m_Replies;   // OI -> replies
-  std::map<unsigned int, unsigned int> m_Statuses;  // ST -> replies
-  std::size_t m_ReplyCount = 0;
 };
 
 // What the requesting threads saw, merged under a lock.
@@ -229,7 +191,7 @@ class ModuleStress : public ::testing::Test {
     if (!WaitUntilNoneNamed("Korvex", 30s)) {
       GTEST_SKIP() << "a Korvex process of somebody else keeps running";
     }
-    m_Root = m_Area.Dir("root");
+    m_Root = m_Area.Sub("root");
     // A tool that writes its archive and ends at once; the archive is there
     // from the start, so that a transfer finds it before any creation ran.
     WriteScript(m_Root + "/Korvex", "echo archive > \"$(dirname \"$0\")/Korvex_Data.zip\"\nexit 0");
@@ -253,7 +215,7 @@ class ModuleStress : public ::testing::Test {
     KillAllNamed("Korvex", m_Area.Path());
   }
 
-  CScratch m_Area;
+  CTempDir m_Area;
   std::string m_Root;
 };
 
@@ -315,7 +277,7 @@ TEST_F(ModuleStress, StartStopCyclesWithRequestsInFlightBalance) {
 
     CLedger ledger;
     ledger.Add(halvane::TakeTrace());
-    const auto byOi = moduleSwitch.Replies();
+    const auto byOi = moduleSwitch.RepliesByObjectId();
     std::size_t cycleReplies = 0;
     for (const auto& entry : byOi) {
       ASSERT_EQ(1u, entry.second) << "cycle " << cycle << ": OI " << entry.first
@@ -401,13 +363,13 @@ TEST_F(ModuleStress, FourThreadsOfRequestsWhileTasksRunBalance) {
   // Every task the queue took is run and answered before the stop.
   CLedger ledger;
   ledger.Add(halvane::TakeTrace());
-  const bool drained = moduleSwitch.WaitForReplies(ledger.m_Inserted, 300s);
+  const bool drained = moduleSwitch.WaitForReplies(ledger.m_Inserted, 300000);
   EXPECT_TRUE(drained) << moduleSwitch.ReplyCount() << " of " << ledger.m_Inserted;
   EXPECT_EQ(1, module.Stop());
   ASSERT_EQ(1, EM_Delete(nullptr));
   ledger.Add(halvane::TakeTrace());
 
-  const auto byOi = moduleSwitch.Replies();
+  const auto byOi = moduleSwitch.RepliesByObjectId();
   std::size_t replies = 0;
   std::vector<unsigned int> queued = acks.m_Queued;
   std::sort(queued.begin(), queued.end());
@@ -430,7 +392,7 @@ TEST_F(ModuleStress, FourThreadsOfRequestsWhileTasksRunBalance) {
   // The tool writes its archive and the other module answers 0: every
   // job that ran succeeded - unless a Korvex of somebody else ran meanwhile
   // (a second test run on the machine), which makes creations answer 5.
-  const auto statuses = moduleSwitch.Statuses();
+  const auto statuses = moduleSwitch.RepliesByStatus();
   if (statuses.count(5) != 0) {
     GTEST_SKIP() << "a Korvex process of somebody else ran meanwhile (status 5); the counts "
                     "above balanced";
@@ -442,7 +404,7 @@ TEST_F(ModuleStress, FourThreadsOfRequestsWhileTasksRunBalance) {
       "inserted %zu, refused full %zu, refused locked %zu, run and replied %zu (file transfers "
       "sent %lu)\n",
       sent, threads, acks.m_Immediate, acks.m_Queued.size(), ledger.m_Inserted, ledger.m_Full,
-      ledger.m_Locked, replies, moduleSwitch.m_AsyncRequests.load());
+      ledger.m_Locked, replies, moduleSwitch.AsyncRequestCount());
 }
 
 }  // namespace

@@ -64,9 +64,9 @@ TEST(ValgrindServe, EveryReachableStatusWithoutMemoryErrorsOrLeaks) {
   if (valgrind.empty()) GTEST_SKIP() << "valgrind is not installed";
   if (!WaitUntilNoneNamed("Korvex", 30s)) GTEST_SKIP() << "a foreign Korvex keeps running";
 
-  CScratch area;
-  const std::string root = area.Dir("root");
-  const std::string bmc = area.Dir("bmc");
+  CTempDir area;
+  const std::string root = area.Sub("root");
+  const std::string bmc = area.Sub("bmc");
   const std::string fifo = area / "block";
   ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
   // The tool does what the file "mode" beside it says.
@@ -82,7 +82,7 @@ TEST(ValgrindServe, EveryReachableStatusWithoutMemoryErrorsOrLeaks) {
                   "esac\n"
                   "exit 0");
   // A Korvex of somebody else, for status 5.
-  const std::string foreignDir = area.Dir("foreign");
+  const std::string foreignDir = area.Sub("foreign");
   const std::string foreignFifo = area / "foreign-block";
   ASSERT_EQ(0, ::mkfifo(foreignFifo.c_str(), 0600));
   WriteScript(foreignDir + "/Korvex", "read -r line < " + ShellQuote(foreignFifo));
@@ -99,29 +99,29 @@ TEST(ValgrindServe, EveryReachableStatusWithoutMemoryErrorsOrLeaks) {
   auto expect = [&](const std::string& line) {
     EXPECT_TRUE(host.WaitForLine([&](const std::string& l) { return l == line; }, 120s))
         << "missing: " << line << "\n"
-        << host.Output() << host.Errors();
+        << host.Out() << host.Err();
   };
 
   // 0: the tool is installed. 1: an opcode the module does not handle.
   // 20: a request for another cabinet.
-  host.Send(Request(1, R"({"OC":13312,"CA":0})"));
+  host.WriteLine(Request(1, R"({"OC":13312,"CA":0})"));
   expect(Ack(1, 1, R"({"OC":13312,"CA":0,"ST":0,"DA":1})"));
-  host.Send(Request(2, R"({"OC":13317,"CA":0})"));
+  host.WriteLine(Request(2, R"({"OC":13317,"CA":0})"));
   expect(Ack(2, 0, R"({"OC":13317,"CA":0,"ST":1})"));
-  host.Send(Request(3, R"({"OC":13313,"CA":9})"));
+  host.WriteLine(Request(3, R"({"OC":13313,"CA":9})"));
   expect(Ack(3, 0, R"({"OC":13313,"CA":9,"ST":20})"));
   // 22 now, 3 later: there is no archive yet.
-  host.Send(Request(4, R"({"OC":13314,"CA":0,"TO":30,"DA":"vg.zip"})"));
+  host.WriteLine(Request(4, R"({"OC":13314,"CA":0,"TO":30,"DA":"vg.zip"})"));
   expect(Ack(4, 1, R"({"OC":13314,"CA":0,"TO":30,"DA":"vg.zip","ST":22})"));
   expect(Reply(4, R"({"SIP":{"V":1,"CMD":[{"OC":13314,"CA":0,"TO":30,"DA":"vg.zip","ST":3}]}})"));
   // 0: the archive is created, and transferred.
-  host.Send(Request(5, R"({"OC":13313,"CA":0})"));
+  host.WriteLine(Request(5, R"({"OC":13313,"CA":0})"));
   expect(Reply(5, R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"ST":0}]}})"));
-  host.Send(Request(6, R"({"OC":13314,"CA":0,"TO":30,"DA":"vg.zip"})"));
+  host.WriteLine(Request(6, R"({"OC":13314,"CA":0,"TO":30,"DA":"vg.zip"})"));
   expect(Reply(6, R"({"SIP":{"V":1,"CMD":[{"OC":13314,"CA":0,"TO":30,"ST":0}]}})"));
   EXPECT_EQ("archive\n", ReadFile(bmc + "/vg.zip"));
   // 8, passed on from the file transfer: a name that leaves the directory.
-  host.Send(Request(7, R"({"OC":13314,"CA":0,"TO":30,"DA":"../vg.zip"})"));
+  host.WriteLine(Request(7, R"({"OC":13314,"CA":0,"TO":30,"DA":"../vg.zip"})"));
   expect(Reply(7, R"({"SIP":{"V":1,"CMD":[{"OC":13314,"CA":0,"TO":30,"ST":8}]}})"));
 
   // 5: another Korvex runs.
@@ -132,7 +132,7 @@ TEST(ValgrindServe, EveryReachableStatusWithoutMemoryErrorsOrLeaks) {
     ASSERT_EQ(0, ::posix_spawn(&foreign, path.c_str(), nullptr, nullptr, argv, environ));
   }
   ASSERT_TRUE(WaitUntil([&] { return !ProcessesNamed("Korvex", area.Path()).empty(); }, 30s));
-  host.Send(Request(8, R"({"OC":13313,"CA":0})"));
+  host.WriteLine(Request(8, R"({"OC":13313,"CA":0})"));
   expect(Reply(8, R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"ST":5}],"C":true}})"));
   ::kill(foreign, SIGKILL);
   int status = 0;
@@ -140,25 +140,25 @@ TEST(ValgrindServe, EveryReachableStatusWithoutMemoryErrorsOrLeaks) {
 
   // 6: the tool fails.
   WriteFile(root + "/mode", "fail");
-  host.Send(Request(9, R"({"OC":13313,"CA":0})"));
+  host.WriteLine(Request(9, R"({"OC":13313,"CA":0})"));
   expect(Reply(9, R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":0,"ST":6}]}})"));
 
   // Refused lines cost nothing either.
-  host.Send("oops");
+  host.WriteLine("oops");
   expect(R"({"event":"error","line":10,"error":"JSON parse error at offset 0: Invalid value."})");
 
   // The stop: the tool hangs in task 10, tasks 11 and 12 wait in the queue
   // and are dropped; the worker is ended and the tool terminated.
   WriteFile(root + "/mode", "hang");
-  host.Send(Request(10, R"({"OC":13313,"CA":0})"));
+  host.WriteLine(Request(10, R"({"OC":13313,"CA":0})"));
   ASSERT_TRUE(WaitUntil([&] { return !ProcessesNamed("Korvex", area.Path()).empty(); }, 120s));
-  host.Send(Request(11, R"({"OC":13313,"CA":0})"));
-  host.Send(Request(12, R"({"OC":13314,"CA":0,"DA":"late.zip"})"));
+  host.WriteLine(Request(11, R"({"OC":13313,"CA":0})"));
+  host.WriteLine(Request(12, R"({"OC":13314,"CA":0,"DA":"late.zip"})"));
   expect(Ack(12, 1, R"({"OC":13314,"CA":0,"DA":"late.zip","ST":22})"));
-  host.Send(R"({"id":13,"control":"wait","timeout_ms":500})");
+  host.WriteLine(R"({"id":13,"control":"wait","timeout_ms":500})");
   expect(WaitLine(13, 0));
   host.CloseInput();
-  EXPECT_EQ(0, host.WaitForExit(300s)) << host.Errors();
+  EXPECT_EQ(0, host.WaitForExit(300s)) << host.Err();
 
   const std::string report = ReadFile(log);
   EXPECT_NE(std::string::npos, report.find("ERROR SUMMARY: 0 errors from 0 contexts")) << report;

@@ -1,100 +1,25 @@
-// Helpers for the stand-alone host suites: a private temporary directory
-// (everything a test writes stays inside it), fake tools written as shell
-// scripts, and bounded waits for things that happen on other threads or in
-// other processes.
+// Helpers for the stand-alone host suites: the shared scratch directory,
+// files, fake tools and bounded waits, and one reading of a pid another
+// thread publishes.
 #pragma once
 
-#include <gtest/gtest.h>
+#include "tests/support/Processes.h"
+#include "tests/support/TempFiles.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
+#include <cstddef>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <sstream>
-#include <string>
-#include <thread>
+#include <system_error>
 
 namespace hosttest {
 
-class CTempDir {
- public:
-  CTempDir() {
-    char pattern[] = "/tmp/halvane_host_test_XXXXXX";
-    const char* made = ::mkdtemp(pattern);
-    if (made != nullptr) m_Path = made;
-  }
-  ~CTempDir() {
-    if (m_Path.empty()) return;
-    std::error_code ignored;
-    std::filesystem::remove_all(m_Path, ignored);
-  }
-  CTempDir(const CTempDir&) = delete;
-  CTempDir& operator=(const CTempDir&) = delete;
-
-  bool Valid() const { return !m_Path.empty(); }
-  const std::string& Path() const { return m_Path; }
-  std::string operator/(const std::string& name) const { return m_Path + "/" + name; }
-
- private:
-  std::string m_Path;
-};
-
-inline void WriteFile(const std::string& path, const std::string& content, mode_t mode = 0644) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
-  out.close();
-  ::chmod(path.c_str(), mode);
-}
-
-// A fake tool: an executable /bin/sh script with the given body.
-inline void WriteScript(const std::string& path, const std::string& body) {
-  WriteFile(path, "#!/bin/sh\n" + body + "\n", 0755);
-}
-
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-inline bool Exists(const std::string& path) {
-  struct stat status;
-  return ::stat(path.c_str(), &status) == 0;
-}
-
-// Polls condition every few milliseconds until it holds or limitMs passed.
-// Only for observing other processes and threads in tests; the code under
-// test never polls.
-inline bool WaitUntil(const std::function<bool()>& condition, int limitMs = 5000) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() >= end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
-
-// The state letter of /proc/<pid>/stat, or 0 when the process is gone.
-inline char ProcessState(int pid) {
-  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
-  const std::size_t close = stat.rfind(')');
-  if (close == std::string::npos || close + 2 >= stat.size()) return 0;
-  return stat[close + 2];
-}
-
-// Alive and not a zombie.
-inline bool ProcessRuns(int pid) {
-  const char state = ProcessState(pid);
-  return state != 0 && state != 'Z' && state != 'X';
-}
+using korvex_test::CTempDir;
+using korvex_test::Exists;
+using korvex_test::ProcessRuns;
+using korvex_test::ProcessState;
+using korvex_test::ReadFile;
+using korvex_test::WaitUntil;
+using korvex_test::WriteFile;
+using korvex_test::WriteScript;
 
 inline unsigned int LoadPid(unsigned int& pid) { return __atomic_load_n(&pid, __ATOMIC_ACQUIRE); }
 

@@ -118,7 +118,7 @@ TEST_F(ProcessTreeTest, TerminateEndsTheWholeTreeGracefully) {
   WriteScript(m_Dir / "Korvex", CollectorBody());
   CBackground run;
   Start(run, m_Dir / "Korvex");
-  ASSERT_TRUE(WaitUntil([&] { return TreeUp(run); }, 10000));
+  ASSERT_TRUE(WaitUntil([&] { return TreeUp(run); }, std::chrono::seconds(10)));
   ASSERT_TRUE(Exists(m_Scratch));
   ASSERT_TRUE(CProcess::TerminateProcess(LoadPid(run.m_Pid), 1));
   ASSERT_EQ(std::future_status::ready, run.m_Result.wait_for(std::chrono::seconds(20)));
@@ -136,7 +136,7 @@ TEST_F(ProcessTreeTest, WaitForExitAfterTerminateSeesTheCodeWithinTheStopWait) {
   WriteScript(m_Dir / "Korvex", CollectorBody());
   CBackground run;
   Start(run, m_Dir / "Korvex");
-  ASSERT_TRUE(WaitUntil([&] { return TreeUp(run); }, 10000));
+  ASSERT_TRUE(WaitUntil([&] { return TreeUp(run); }, std::chrono::seconds(10)));
   const unsigned int pid = LoadPid(run.m_Pid);
   ASSERT_TRUE(CProcess::TerminateProcess(pid, 1));
   unsigned int code = 0;
@@ -153,8 +153,8 @@ TEST_F(ProcessTreeTest, AToolThatIgnoresTermIsKilledAfterTheGracePeriod) {
                                     "; done");
   CBackground run;
   Start(run, m_Dir / "Korvex");
-  ASSERT_TRUE(
-      WaitUntil([&] { return Exists(m_Ready) && ProcessesWith(m_Marker).size() >= 2; }, 10000));
+  ASSERT_TRUE(WaitUntil([&] { return Exists(m_Ready) && ProcessesWith(m_Marker).size() >= 2; },
+                        std::chrono::seconds(10)));
   ASSERT_TRUE(CProcess::TerminateProcess(LoadPid(run.m_Pid), 1));
   ASSERT_EQ(std::future_status::ready, run.m_Result.wait_for(std::chrono::seconds(20)));
   EXPECT_TRUE(run.m_Result.get());
@@ -302,7 +302,7 @@ TEST_F(ProcessTreeTest, FindProcessSeesTheRunningTool) {
   WriteScript(m_Dir / "Korvex", "touch '" + m_Ready + "'\nsleep " + m_Marker);
   CBackground run;
   Start(run, m_Dir / "Korvex");
-  ASSERT_TRUE(WaitUntil([&] { return Published(run); }, 10000));
+  ASSERT_TRUE(WaitUntil([&] { return Published(run); }, std::chrono::seconds(10)));
   unsigned int found = 0;
   EXPECT_TRUE(CProcess::FindProcess(found, "Korvex"));
   // The tool itself, not its supervisor: that one has a name of its own.

@@ -1,11 +1,14 @@
-// Helpers shared by the module's test suites: scratch directories, fake
-// Korvex tools written as shell scripts, FIFOs by which a fake tool tells the
-// test that it runs, the configuration store entry of the tool's root, and
-// trace comparison helpers.
+// Helpers shared by the module's test suites (scratch directories and files
+// come from tests/support): fake Korvex tools written as shell scripts,
+// FIFOs by which a fake tool tells the test that it runs, the configuration
+// store entry of the tool's root, and trace comparison helpers.
 #pragma once
 
 #include "frame/HostServices.h"
 #include "host/HostControl.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/TempFiles.h"
+#include "util/Fd.h"
 
 #include <gtest/gtest.h>
 
@@ -15,8 +18,6 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <fstream>
-#include <ftw.h>
 #include <poll.h>
 #include <signal.h>
 #include <sstream>
@@ -40,64 +41,6 @@ inline void SetToolRoot(const std::string& root) {
   halvane::SetRegistryValue(SetupKeyPath(), "FileRoot", root);
 }
 
-// Writes a file with the close-on-exec flag, so that a child forked by
-// another thread meanwhile never holds it open for writing (which would make
-// executing a freshly written script fail with "text file busy").
-inline void WriteFile(const std::string& path, const std::string& content, mode_t mode = 0644) {
-  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  ASSERT_GE(fd, 0) << path << ": " << std::strerror(errno);
-  const char* p = content.data();
-  std::size_t left = content.size();
-  while (left > 0) {
-    const ssize_t n = write(fd, p, left);
-    ASSERT_GT(n, 0) << path << ": " << std::strerror(errno);
-    p += n;
-    left -= static_cast<std::size_t>(n);
-  }
-  ASSERT_EQ(0, fchmod(fd, mode));
-  ASSERT_EQ(0, close(fd));
-}
-
-inline bool Exists(const std::string& path) {
-  struct stat status;
-  return stat(path.c_str(), &status) == 0;
-}
-
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// A scratch directory under /tmp, removed with everything in it at the end.
-class CTempDir {
- public:
-  CTempDir() {
-    char pattern[] = "/tmp/korvex-module-test-XXXXXX";
-    const char* made = mkdtemp(pattern);
-    if (made != nullptr) m_Path = made;
-  }
-  ~CTempDir() {
-    if (!m_Path.empty()) {
-      nftw(
-          m_Path.c_str(),
-          [](const char* path, const struct stat*, int, struct FTW*) { return remove(path); }, 16,
-          FTW_DEPTH | FTW_PHYS);
-    }
-  }
-  CTempDir(const CTempDir&) = delete;
-  CTempDir& operator=(const CTempDir&) = delete;
-
-  const std::string& Path() const { return m_Path; }
-  // The root with a trailing "/", as the module builds its paths.
-  std::string Root() const { return m_Path + "/"; }
-  std::string operator/(const std::string& name) const { return m_Path + "/" + name; }
-
- private:
-  std::string m_Path;
-};
-
 // Writes the fake tool "Korvex" into dir: a shell script with the given body.
 inline void WriteTool(const std::string& dir, const std::string& body) {
   WriteFile(dir + "/Korvex", "#!/bin/sh\n" + body + "\n", 0755);
@@ -110,17 +53,12 @@ inline void WriteTool(const std::string& dir, const std::string& body) {
 class CFifo {
  public:
   explicit CFifo(std::string path) : m_Path(std::move(path)) {
-    if (mkfifo(m_Path.c_str(), 0600) == 0) {
-      m_Fd = open(m_Path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    }
-  }
-  ~CFifo() {
-    if (m_Fd >= 0) close(m_Fd);
+    if (mkfifo(m_Path.c_str(), 0600) == 0) m_Fd.Reset(OpenReadEnd());
   }
   CFifo(const CFifo&) = delete;
   CFifo& operator=(const CFifo&) = delete;
 
-  bool Valid() const { return m_Fd >= 0; }
+  bool Valid() const { return m_Fd.Valid(); }
   const std::string& Path() const { return m_Path; }
 
   // Waits up to timeoutMs for one line ("\n"-terminated); false on time-out.
@@ -137,63 +75,44 @@ class CFifo {
                             deadline - std::chrono::steady_clock::now())
                             .count();
       if (left <= 0) return false;
-      struct pollfd pfd = {m_Fd, POLLIN, 0};
+      struct pollfd pfd = {m_Fd.Get(), POLLIN, 0};
       const int ready = poll(&pfd, 1, static_cast<int>(left));
-      if (ready < 0 && errno == EINTR) continue;
+      if (ready < 0 && errno == EINTR) continue;  // the time left is taken again
       if (ready <= 0) return false;
       char chunk[256];
-      const ssize_t n = read(m_Fd, chunk, sizeof(chunk));
+      const ssize_t n = read(m_Fd.Get(), chunk, sizeof(chunk));
       if (n > 0) {
         m_Buffer.append(chunk, static_cast<std::size_t>(n));
       } else if (n == 0) {
         // The writer closed before a whole line came. Reopen, so that poll
         // waits for the next writer instead of reporting the hang-up again.
-        close(m_Fd);
-        m_Fd = open(m_Path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        if (m_Fd < 0) return false;
+        m_Fd.Reset(OpenReadEnd());
+        if (!m_Fd) return false;
       }
     }
   }
 
  private:
+  int OpenReadEnd() const { return open(m_Path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }
+
   std::string m_Path;
-  int m_Fd = -1;
+  korvex::CFd m_Fd;
   std::string m_Buffer;
 };
 
 // A process the test starts itself: a script named "Korvex" that reports its
-// pid through a FIFO and then sleeps. It runs in its own process group, which
-// the destructor kills and reaps.
+// pid through a FIFO and then sleeps. It runs in its own process group,
+// which goes (killed and reaped) with the object.
 class CForeignTool {
  public:
   explicit CForeignTool(const std::string& dir)
-      : m_Dir(dir), m_Fifo(MadeDirectory(dir) + "/foreign-started") {
-    WriteTool(dir, "echo $$ > '" + m_Fifo.Path() + "'\nsleep 60");
-    const std::string tool = dir + "/Korvex";
-    m_Pid = fork();
-    if (m_Pid == 0) {
-      setpgid(0, 0);
-      execl(tool.c_str(), tool.c_str(), static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    if (m_Pid > 0) setpgid(m_Pid, m_Pid);
-  }
-  ~CForeignTool() {
-    if (m_Pid > 0) {
-      kill(-m_Pid, SIGKILL);
-      kill(m_Pid, SIGKILL);
-      int status = 0;
-      waitpid(m_Pid, &status, 0);
-    }
-  }
-  CForeignTool(const CForeignTool&) = delete;
-  CForeignTool& operator=(const CForeignTool&) = delete;
+      : m_Fifo(MadeDirectory(dir) + "/foreign-started"), m_Tool(StartedTool(dir, m_Fifo.Path())) {}
 
   // True once the script runs (it has written its pid).
   bool WaitRunning(int timeoutMs) {
     std::string line;
-    return m_Pid > 0 && m_Fifo.Valid() && m_Fifo.ReadLine(line, timeoutMs) &&
-           line == std::to_string(m_Pid);
+    return m_Fifo.Valid() && m_Fifo.ReadLine(line, timeoutMs) &&
+           line == std::to_string(m_Tool.Pid());
   }
 
  private:
@@ -201,10 +120,15 @@ class CForeignTool {
     mkdir(dir.c_str(), 0755);
     return dir;
   }
+  static CChildProcess StartedTool(const std::string& dir, const std::string& fifo) {
+    WriteTool(dir, "echo $$ > '" + fifo + "'\nsleep 60");
+    CChildOptions options;
+    options.m_OwnGroup = true;
+    return CChildProcess({dir + "/Korvex"}, {}, options);
+  }
 
-  std::string m_Dir;
   CFifo m_Fifo;
-  pid_t m_Pid = -1;
+  CChildProcess m_Tool;
 };
 
 // Whether a process named "Korvex" runs anywhere on the machine. Tests of
@@ -316,29 +240,24 @@ namespace korvex_test {
 class CHold {
  public:
   explicit CHold(std::string path) : m_Path(std::move(path)) {
-    if (mkfifo(m_Path.c_str(), 0600) == 0) {
-      m_Fd = open(m_Path.c_str(), O_RDWR | O_CLOEXEC);
-    }
-  }
-  ~CHold() {
-    if (m_Fd >= 0) close(m_Fd);
+    if (mkfifo(m_Path.c_str(), 0600) == 0) m_Fd.Reset(open(m_Path.c_str(), O_RDWR | O_CLOEXEC));
   }
   CHold(const CHold&) = delete;
   CHold& operator=(const CHold&) = delete;
 
-  bool Valid() const { return m_Fd >= 0; }
+  bool Valid() const { return m_Fd.Valid(); }
   const std::string& Path() const { return m_Path; }
   // Lets count blocked reads go on.
   bool Release(int count = 1) {
     for (int i = 0; i < count; ++i) {
-      if (write(m_Fd, "go\n", 3) != 3) return false;
+      if (KORVEX_RETRY(write(m_Fd.Get(), "go\n", 3)) != 3) return false;
     }
     return true;
   }
 
  private:
   std::string m_Path;
-  int m_Fd = -1;
+  korvex::CFd m_Fd;
 };
 
 }  // namespace korvex_test

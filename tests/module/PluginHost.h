@@ -1,5 +1,5 @@
-// The test host's side of loading libEM_KORVEX.so: dlopen, the four entry
-// points, and a fixture that creates the module, gives it a scratch tool
+// The test host's side of loading libEM_KORVEX.so: the four entry points,
+// and a fixture that creates the module, gives it a scratch tool
 // root in the configuration store and a recording switch.
 #pragma once
 
@@ -8,11 +8,11 @@
 #include "host/HostControl.h"
 #include "message/SipJson.h"
 #include "tests/module/ModuleTestSupport.h"
+#include "tests/support/PluginLoader.h"
 #include "tests/support/RecordingSwitch.h"
 
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
 #include <string>
 
 #ifndef KORVEX_PLUGIN_PATH
@@ -21,8 +21,8 @@
 
 namespace korvex_test {
 
-// The loaded plug-in and its entry points, found by their unmangled names.
-// Loaded once per process and kept, as the host keeps its modules.
+// The plug-in's entry points, from the library loaded once per process
+// through em-host's loader and kept, as the host keeps its modules.
 class CPlugin {
  public:
   static CPlugin& Instance() {
@@ -30,7 +30,7 @@ class CPlugin {
     return plugin;
   }
 
-  bool Loaded() const { return m_Handle != nullptr && m_Create && m_Delete && m_Name && m_Setup; }
+  bool Loaded() const { return m_Library != nullptr; }
   const std::string& Error() const { return m_Error; }
 
   EM_CreateFn m_Create = nullptr;
@@ -39,20 +39,16 @@ class CPlugin {
   EM_SetupActionFn m_Setup = nullptr;
 
  private:
-  CPlugin() {
-    m_Handle = dlopen(KORVEX_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
-    if (m_Handle == nullptr) {
-      m_Error = dlerror();
-      return;
-    }
-    m_Create = reinterpret_cast<EM_CreateFn>(dlsym(m_Handle, "EM_Create"));
-    m_Delete = reinterpret_cast<EM_DeleteFn>(dlsym(m_Handle, "EM_Delete"));
-    m_Name = reinterpret_cast<EM_GetModuleNameFn>(dlsym(m_Handle, "EM_GetModuleName"));
-    m_Setup = reinterpret_cast<EM_SetupActionFn>(dlsym(m_Handle, "EM_SetupAction"));
+  CPlugin() : m_Library(SharedModuleLibrary(KORVEX_PLUGIN_PATH, &m_Error)) {
+    if (m_Library == nullptr) return;
+    m_Create = m_Library->Create;
+    m_Delete = m_Library->Delete;
+    m_Name = m_Library->GetModuleName;
+    m_Setup = m_Library->SetupAction;
   }
 
-  void* m_Handle = nullptr;
   std::string m_Error;
+  const CModuleLibrary* m_Library;
 };
 
 class PluginTest : public ::testing::Test {

@@ -14,22 +14,7 @@ namespace korvex_test {
 // The shell body (without the #! line). talks: it also prints a JSON line
 // and reads a line of its input first, as a tool that would disturb a
 // protocol stream it was wrongly given.
-inline std::string CollectorBody(const std::string& scratch, const std::string& ready,
-                                 const std::string& marker, bool talks = false) {
-  const std::string sleeper = "sleep " + marker;
-  std::string body = "mkdir -p '" + scratch + "' && echo data > '" + scratch + "/big'\n";
-  body += "trap 'rm -rf \"" + scratch + "\"; exit 143' TERM\n";
-  if (talks) {
-    body +=
-        "echo '{\"id\":1,\"event\":\"reply\",\"message\":\"from the tool\"}'\n"
-        "read line && echo \"tool read: $line\"\n";
-  }
-  body += "timeout 300 " + sleeper + " &\n";
-  body += "setsid sh -c '" + sleeper + "' &\n";
-  body += "( " + sleeper + " & )\n";
-  body += sleeper + " &\n";
-  body += "touch '" + ready + "'\nwait\n";
-  return body;
-}
+std::string CollectorBody(const std::string& scratch, const std::string& ready,
+                          const std::string& marker, bool talks = false);
 
 }  // namespace korvex_test

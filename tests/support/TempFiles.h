@@ -1,72 +1,61 @@
-// Scratch files for tests: a temporary directory removed with everything in
-// it, and whole-file reading, writing and listing.
+// Scratch files for tests and benchmarks: a temporary directory removed with
+// everything in it, and whole-file reading, writing and listing. Every suite
+// takes these from here, so that a scratch area is made and removed one way
+// (links below it are removed, never followed).
 #pragma once
 
-#include <cstdlib>
-#include <dirent.h>
-#include <filesystem>
-#include <fstream>
 #include <set>
-#include <sstream>
-#include <stdexcept>
 #include <string>
-#include <sys/stat.h>
-#include <system_error>
+#include <sys/types.h>
+#include <vector>
 
 namespace korvex_test {
 
-// A directory made with mkdtemp under base, named prefix.XXXXXX; removed
-// with its contents (links are removed, never followed) when it goes.
+// A directory made with mkdtemp under base, named prefix.XXXXXX; base empty
+// means $TMPDIR, else /tmp. Throws std::runtime_error when it cannot be
+// made. Removed with its contents when it goes; mounts recorded with
+// AddMount are detached first.
 class CTempDir {
  public:
-  explicit CTempDir(const std::string& prefix, const std::string& base = "/tmp") {
-    std::string pattern = base + "/" + prefix + ".XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr)
-      throw std::runtime_error("mkdtemp failed: " + pattern);
-    m_Path = pattern;
-  }
-  ~CTempDir() {
-    std::error_code ignored;  // a left-over scratch directory does no harm
-    std::filesystem::remove_all(m_Path, ignored);
-  }
+  explicit CTempDir(const std::string& prefix = "korvex-test", const std::string& base = "");
+  ~CTempDir();
   CTempDir(const CTempDir&) = delete;
   CTempDir& operator=(const CTempDir&) = delete;
 
+  bool Valid() const { return !m_Path.empty(); }
   const std::string& Path() const { return m_Path; }
-  // A subdirectory, made when missing.
-  std::string Sub(const std::string& name) const {
-    const std::string path = m_Path + "/" + name;
-    ::mkdir(path.c_str(), 0755);
-    return path;
-  }
+  // The path with a trailing "/", as the module builds its paths.
+  std::string Root() const { return m_Path + "/"; }
+  std::string operator/(const std::string& name) const { return m_Path + "/" + name; }
+  // A subdirectory (mode 0755), made with its parents when missing.
+  std::string Sub(const std::string& relative) const;
+  // Records a mount point below the directory, to detach before removal.
+  void AddMount(const std::string& path) { m_Mounts.push_back(path); }
 
  private:
   std::string m_Path;
+  std::vector<std::string> m_Mounts;
 };
 
-inline void WriteFile(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary);
-  out << content;
-}
-
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
+// Writes content through a close-on-exec descriptor and sets mode, so that a
+// child forked by another thread meanwhile never holds the file open for
+// writing (executing it would then fail with "text file busy"). Throws
+// std::runtime_error naming the path when it cannot.
+void WriteFile(const std::string& path, const std::string& content, mode_t mode = 0644);
+// A fake tool: "#!/bin/sh\n" + body, mode 0755, written under another name
+// and renamed into place.
+void WriteScript(const std::string& path, const std::string& body);
+// The whole file; empty when it cannot be read.
+std::string ReadFile(const std::string& path);
+// Whether a directory entry of that name is there (a link counts, followed
+// or not).
+bool Exists(const std::string& path);
 // The names in dir, without "." and "..".
-inline std::set<std::string> Entries(const std::string& dir) {
-  std::set<std::string> names;
-  DIR* listing = ::opendir(dir.c_str());
-  if (listing == nullptr) return names;
-  while (dirent* entry = ::readdir(listing)) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") names.insert(name);
-  }
-  ::closedir(listing);
-  return names;
-}
+std::set<std::string> Entries(const std::string& dir);
+// Removes a tree (files, links, directories), not following links; a
+// directory a test made read-only is made writable first.
+void RemoveTree(const std::string& path);
+// Quotes text for the shell (single quotes).
+std::string ShellQuote(const std::string& text);
 
 }  // namespace korvex_test

@@ -1,6 +1,7 @@
 // The serializer's active half: StartSerialization, the worker loop,
 // TerminateSerialization (with and without a live worker, idle, busy and
 // stuck in a job) and destruction, with every trace line in its place.
+#include "tests/support/TempFiles.h"
 #include "tests/tasks/SerializerTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -595,16 +596,9 @@ TEST_F(SerializerWorkerKill, WorkerBlockedInAnEventWaitIsKilledAndTheProcessLive
 }
 
 TEST_F(SerializerWorkerKill, WorkerBlockedInAChildProcessIsKilledAndTheChildCanBeEnded) {
-  char directory[] = "/tmp/serializer-tests-XXXXXX";
-  ASSERT_NE(nullptr, mkdtemp(directory));
-  const std::string sleeper = std::string(directory) + "/sleeper";
-  {
-    FILE* file = std::fopen(sleeper.c_str(), "w");
-    ASSERT_NE(nullptr, file);
-    std::fputs("#!/bin/sh\nexec sleep 120\n", file);
-    std::fclose(file);
-    ASSERT_EQ(0, chmod(sleeper.c_str(), 0755));
-  }
+  const korvex_test::CTempDir directory("serializer-tests");
+  const std::string sleeper = directory / "sleeper";
+  korvex_test::WriteFile(sleeper, "#!/bin/sh\nexec sleep 120\n", 0755);
   unsigned int processId = 0;
   CTraceScript script;
   {
@@ -645,8 +639,6 @@ TEST_F(SerializerWorkerKill, WorkerBlockedInAChildProcessIsKilledAndTheChildCanB
   unsigned int exitCode = 0;
   EXPECT_TRUE(CProcess::WaitForExit(child, exitCode, 10000));
   EXPECT_EQ(1u, exitCode);
-  unlink(sleeper.c_str());
-  rmdir(directory);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // directory: which entries go, what is left, the result (with its reversed
 // judgement of the final rmdir) and every trace line at its level.
 #include "host/HostControl.h"
+#include "tests/support/TempFiles.h"
 #include "util/Directory.h"
 
 #include <gtest/gtest.h>
@@ -86,9 +87,7 @@ void MakeDir(const std::string& path) { ASSERT_EQ(mkdir(path.c_str(), 0755), 0) 
 class DirectoryRemoval : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "korvex-dirtest-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr) << std::strerror(errno);
-    m_Root = pattern;
+    m_Root = m_Temp.Path();
     m_Dir = m_Root + "/d";
     halvane::TraceToMemory();
     halvane::SetTraceSwitch(true);
@@ -99,8 +98,6 @@ class DirectoryRemoval : public ::testing::Test {
   void TearDown() override {
     Restore();
     halvane::SetTraceLevel(5);
-    std::error_code ignored;
-    fs::remove_all(m_Root, ignored);
   }
 
   // Makes path impossible to delete: without root through a directory
@@ -161,6 +158,7 @@ class DirectoryRemoval : public ::testing::Test {
     }
   }
 
+  korvex_test::CTempDir m_Temp{"korvex-dirtest"};  // removed after TearDown restored it
   std::string m_Root;
   std::string m_Dir;
   std::vector<std::string> m_Immutable;

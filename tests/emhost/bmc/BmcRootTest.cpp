@@ -11,6 +11,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
+#include <memory>
 #include <set>
 #include <string>
 #include <sys/mount.h>
@@ -26,26 +27,16 @@ class EmHostSmallBmc : public ::testing::Test {
  protected:
   void SetUp() override {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root to mount a tmpfs";
-    char pattern[] = "/tmp/emhost-root.XXXXXX";
-    const char* made = ::mkdtemp(pattern);
-    ASSERT_NE(made, nullptr);
-    m_Dir = made;
+    m_Temp = std::make_unique<korvex_test::CTempDir>("emhost-root");
+    m_Dir = m_Temp->Path();
     m_Bmc = m_Dir + "/bmc";
     ASSERT_EQ(::mkdir(m_Bmc.c_str(), 0755), 0);
     if (::mount("tmpfs", m_Bmc.c_str(), "tmpfs", 0, "size=256k") != 0) {
       GTEST_SKIP() << "cannot mount a tmpfs here";
     }
-    m_Mounted = true;
+    m_Temp->AddMount(m_Bmc);
   }
-  void TearDown() override {
-    if (m_Mounted) ::umount(m_Bmc.c_str());
-    if (!m_Dir.empty()) {
-      const std::string command = "rm -rf '" + m_Dir + "'";
-      if (std::system(command.c_str()) != 0) {
-        // A left-over temporary directory does no harm.
-      }
-    }
-  }
+
   void Source(std::size_t size) {
     std::ofstream out(m_Dir + "/src", std::ios::binary);
     out << std::string(size, 'z');
@@ -81,9 +72,9 @@ class EmHostSmallBmc : public ::testing::Test {
     filler.join();
   }
 
+  std::unique_ptr<korvex_test::CTempDir> m_Temp;  // made once the test runs as root
   std::string m_Dir;
   std::string m_Bmc;
-  bool m_Mounted = false;
 };
 
 }  // namespace
