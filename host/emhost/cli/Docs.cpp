@@ -147,19 +147,20 @@ std::vector<CEmHostDocRow> EmHostExitStatuses() {
       {"0", "done: the final status is 0 (query: the tool is installed)"},
       {std::to_string(kExitStatus),
        "the final status is not 0 (standard error says what happened: for a failed creation how "
-       "the tool ended and the last lines of its log); query: the tool is not installed"},
+       "the tool ended and the last lines of its log); query: the tool is not installed; "
+       "cleanup: something is left"},
       {std::to_string(kExitUsage), "usage error"},
       {std::to_string(kExitSetup),
        "the module could not be loaded, created or started (tool missing, no root configured), "
-       "or the trace file or configuration store could not be opened"},
+       "the trace file or configuration store could not be opened, or an unexpected answer"},
       {std::to_string(kExitTimeout),
        "no answer within --timeout: the tool's processes were ended and the module stopped"},
       {std::to_string(kExitBusy),
        "busy: another collection runs, or another em-host holds the tool root's lock; try "
        "again later"},
       {"128+N",
-       "ended by signal N (130 Ctrl-C, 143 SIGTERM, 129 SIGHUP): the tool's processes were "
-       "ended, then the module stopped"},
+       "ended by signal N (130 Ctrl-C, 143 SIGTERM, 129 SIGHUP, 131 SIGQUIT): the tool's "
+       "processes were ended, then the module stopped"},
   };
 }
 

@@ -1,6 +1,8 @@
 // Parsing of em-host's command line: a table of the options (how each is
-// written and where its value goes), a table of the commands, and the
-// rules on which options go with which command.
+// written, where its value goes, and what the documents say of it), a table
+// of the commands, and the rules on which options go with which command.
+// The tables are the one source of --help, the manual page and the shell
+// completion (Docs.cpp), so what em-host takes and what it documents agree.
 #include "host/emhost/cli/Options.h"
 
 #include <algorithm>
