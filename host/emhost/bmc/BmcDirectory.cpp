@@ -3,6 +3,7 @@
 #include "host/emhost/bmc/BmcDirectory.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -63,6 +64,24 @@ int CBmcDirectory::OpenEntry(const std::string& name, int flags) const {
 
 bool CBmcDirectory::Rename(const std::string& from, const std::string& to) const {
   return ::renameat(m_Fd.Get(), from.c_str(), m_Fd.Get(), to.c_str()) == 0;
+}
+
+bool CBmcDirectory::Replace(const std::string& from, const std::string& to, bool& replaced) const {
+  replaced = false;
+  if (::renameat2(m_Fd.Get(), from.c_str(), m_Fd.Get(), to.c_str(), RENAME_NOREPLACE) == 0) {
+    return true;
+  }
+  if (errno == EEXIST) {
+    replaced = true;
+  } else if (errno == EINVAL || errno == ENOSYS) {
+    // A file system without RENAME_NOREPLACE: a look just before the rename
+    // is the best there is.
+    struct stat info {};
+    replaced = ::fstatat(m_Fd.Get(), to.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0;
+  } else {
+    return false;
+  }
+  return Rename(from, to);
 }
 
 void CBmcDirectory::Remove(const std::string& name) const {

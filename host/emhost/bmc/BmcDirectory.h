@@ -33,6 +33,9 @@ class CBmcDirectory {
   // added); -1 with errno.
   int OpenEntry(const std::string& name, int flags) const;
   bool Rename(const std::string& from, const std::string& to) const;
+  // Rename that also tells whether an entry named to was there and is now
+  // replaced, decided by the rename itself rather than a look beforehand.
+  bool Replace(const std::string& from, const std::string& to, bool& replaced) const;
   void Remove(const std::string& name) const;
   // fsync of the directory: makes renames and removals durable.
   bool Sync() const;

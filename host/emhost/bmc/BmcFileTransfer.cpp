@@ -174,7 +174,8 @@ class CStoring {
     const std::string& name = m_Request.m_BmcName;
     std::lock_guard<std::mutex> lock(m_Job.m_Mutex);
     if (m_Job.m_Cancelled) return kAbandoned;
-    if (!m_Dir.Rename(m_Temp.Name(), name)) {
+    bool replaced = false;
+    if (!m_Dir.Replace(m_Temp.Name(), name, replaced)) {
       m_Job.m_Message = Errno();
       return korvex::kStatusBmcWriteFailed;
     }
@@ -193,6 +194,7 @@ class CStoring {
     m_Job.m_Sha256 = copied.m_Sha256;
     m_Job.m_Size = copied.m_Bytes;
     m_Job.m_ReadBackFromDevice = copied.m_FromDevice;
+    m_Job.m_Replaced = replaced;
     m_Job.m_Finished = true;
     return kStatusDone;
   }

@@ -56,6 +56,7 @@ struct CBmcTransferJob {
   std::string m_Sha256;               // on success
   std::uint64_t m_Size = 0;           // on success
   bool m_ReadBackFromDevice = false;  // on success: the verification used direct I/O
+  bool m_Replaced = false;            // on success: an earlier file of the name was replaced
   CCopyProgress m_Progress;           // read without the lock
 
   bool Cancelled() {

@@ -93,6 +93,7 @@ void CBmcCopyHandler::Record(const CBmcTransferJob& job) {
   if (job.m_Status != korvex::kStatusDone) return;
   m_StoredPath = job.m_StoredPath;
   m_StoredSha256 = job.m_Sha256;
+  m_StoredOverEarlier = job.m_Replaced;
 }
 
 std::string CBmcCopyHandler::LastMessage() {
@@ -103,6 +104,11 @@ std::string CBmcCopyHandler::LastMessage() {
 std::string CBmcCopyHandler::StoredSha256(const std::string& path) {
   std::lock_guard<std::mutex> lock(m_RecordMutex);
   return path == m_StoredPath ? m_StoredSha256 : std::string();
+}
+
+bool CBmcCopyHandler::StoredOverEarlier(const std::string& path) {
+  std::lock_guard<std::mutex> lock(m_RecordMutex);
+  return path == m_StoredPath && m_StoredOverEarlier;
 }
 
 void CBmcCopyHandler::Stop() {

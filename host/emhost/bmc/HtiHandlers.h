@@ -74,6 +74,9 @@ class CBmcCopyHandler final : public CIRequestHandler {
   // The digest of path when the last successful answer stored it there;
   // "" otherwise.
   std::string StoredSha256(const std::string& path);
+  // Whether the last successful answer that stored path replaced an
+  // earlier file there.
+  bool StoredOverEarlier(const std::string& path);
 
   // How long Serve waits for a copy with "TO" toSec when the sender passes
   // timeoutMs.
@@ -104,4 +107,5 @@ class CBmcCopyHandler final : public CIRequestHandler {
   std::string m_LastMessage;
   std::string m_StoredPath;
   std::string m_StoredSha256;
+  bool m_StoredOverEarlier = false;
 };

@@ -66,6 +66,10 @@ std::string CHtiStandIn::TransferMessage() {
   return m_pCopier != nullptr ? m_pCopier->LastMessage() : std::string();
 }
 
+bool CHtiStandIn::StoredOverEarlier(const std::string& path) {
+  return m_pCopier != nullptr && m_pCopier->StoredOverEarlier(path);
+}
+
 std::string CHtiStandIn::StoredSha256(const std::string& path) {
   return m_pCopier != nullptr ? m_pCopier->StoredSha256(path) : std::string();
 }

@@ -41,6 +41,8 @@ class CHtiStandIn {
   std::string TransferMessage();
   // The digest recorded for path by the last verified copy, if any.
   std::string StoredSha256(const std::string& path);
+  // Whether the last verified copy to path replaced an earlier file there.
+  bool StoredOverEarlier(const std::string& path);
 
  private:
   std::unique_ptr<CIRequestHandler> m_Handler;  // none in the absent mode

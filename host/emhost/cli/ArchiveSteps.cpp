@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <sys/stat.h>
 #include <vector>
 
@@ -128,9 +129,24 @@ int TransferArchive(CHostRun& run, const std::string& what, unsigned int timeout
   done.m_Destination = run.Options().m_BmcDir + "/" + name;
   done.m_Present = FileSize(done.m_Destination, done.m_Size);
   if (!done.m_Present) return -1;
+  done.m_Replaced = run.StoredOverEarlier(done.m_Destination);
+  if (done.m_Replaced)
+    progress.State(what + ": replaced the earlier " + name + " in the BMC directory");
   done.m_Sha256 = run.StoredSha256(done.m_Destination);
   if (done.m_Sha256.empty()) Sha256OfFile(done.m_Destination, done.m_Sha256, nullptr);
   return -1;
+}
+
+void AnnounceArchive(const std::string& what, CProgress& progress) {
+  const std::string path = ArchivePath();
+  struct stat info {};
+  if (::lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return;
+  const long long age = static_cast<long long>(std::time(nullptr)) - info.st_mtim.tv_sec;
+  const std::string when =
+      age >= 0 ? "written " + AgeText(static_cast<unsigned long long>(age)) + " ago"
+               : "dated " + AgeText(static_cast<unsigned long long>(-age)) + " in the future";
+  progress.State(what + ": the archive " + path + " has " +
+                 std::to_string(static_cast<unsigned long long>(info.st_size)) + " bytes, " + when);
 }
 
 unsigned int TransferTimeout(const CEmHostOptions& options, bool given) {

@@ -23,6 +23,7 @@ struct CTransferred {
   bool m_Present = false;
   std::uint64_t m_Size = 0;
   std::string m_Sha256;
+  bool m_Replaced = false;  // an earlier file of the name was replaced
 };
 
 // The creation step. -1 when the archive was created (filled into
@@ -31,6 +32,10 @@ int CreateArchive(CHostRun& run, const std::string& what, CProgress& progress, C
 // The transfer step with "TO" timeoutSec; -1 on status 0, else the exit status.
 int TransferArchive(CHostRun& run, const std::string& what, unsigned int timeoutSec,
                     CProgress& progress, CTransferred& done);
+// Before a transfer: the archive's size and age, so that a stale archive is
+// noticed before it is sent. Nothing when there is no regular file (the
+// module's answer says what is wrong then).
+void AnnounceArchive(const std::string& what, CProgress& progress);
 // The "TO" of a transfer: --timeout when given, else room for the archive
 // on a slow disk.
 unsigned int TransferTimeout(const CEmHostOptions& options, bool given);

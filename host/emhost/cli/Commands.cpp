@@ -60,6 +60,7 @@ int RunTransfer(CHostRun& run) {
   CProgress progress;
   CTransferred done;
   const unsigned int timeout = TransferTimeout(run.Options(), run.Options().m_TimeoutGiven);
+  AnnounceArchive("transfer", progress);
   const int failed = TransferArchive(run, "transfer", timeout, progress, done);
   if (failed >= 0) return failed;
   PrintDestination(done, " ");

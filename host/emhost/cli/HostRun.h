@@ -5,11 +5,11 @@
 // time-out handling, and stop the module.
 #pragma once
 
+#include "host/emhost/bmc/HtiStandIn.h"
 #include "host/emhost/cli/CommandListener.h"
 #include "host/emhost/cli/Options.h"
 #include "host/emhost/cli/Output.h"
 #include "host/emhost/loader/ModuleHost.h"
-#include "host/emhost/bmc/HtiStandIn.h"
 #include "host/emhost/switch/HostSwitch.h"
 
 #include <cstdint>
@@ -83,6 +83,8 @@ class CHostRun {
   std::string TransferMessage() { return m_StandIn.TransferMessage(); }
   // The digest recorded for path by the last verified copy, if any.
   std::string StoredSha256(const std::string& path) { return m_StandIn.StoredSha256(path); }
+  // Whether that copy replaced an earlier file of the name.
+  bool StoredOverEarlier(const std::string& path) { return m_StandIn.StoredOverEarlier(path); }
 
   // EM_SetupAction.
   unsigned int SetupAction(unsigned int action) { return m_Library.SetupAction(action); }

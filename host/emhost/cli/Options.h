@@ -9,6 +9,7 @@
 enum class EmCommand {
   kNone,
   kHelp,
+  kVersion,
   kQuery,
   kCreate,
   kTransfer,
@@ -27,8 +28,9 @@ struct CEmHostOptions {
   std::string m_ToolRoot;      // --tool-root (absolute)
   std::string m_RegistryFile;  // --registry
   unsigned int m_Cabinet = 0;
-  std::string m_BmcDir;     // absolute; default ./bmc
-  std::string m_TraceFile;  // empty: standard error
+  std::string m_BmcDir;          // absolute; default ./bmc
+  bool m_BmcDirDefault = false;  // --bmc-dir not given: m_BmcDir is ./bmc
+  std::string m_TraceFile;       // empty: standard error
   unsigned int m_TraceLevel = 0;
   unsigned int m_ServiceType = 5;
   CHtiMode m_Hti;
@@ -52,8 +54,27 @@ bool ParseEmHostOptions(const std::vector<std::string>& args, CEmHostOptions& ou
 constexpr unsigned long long kSlowDiskBytesPerSec = 20000000ull;
 unsigned int DefaultTransferTimeout(unsigned long long archiveBytes);
 
-// The usage text printed by --help and after a usage error.
-const char* EmHostUsage();
+// The highest --timeout a transfer takes: the module keeps 16 bits of "TO".
+constexpr unsigned int kMaxTransferTimeout = 0xFFFFu;
+
+// What em-host's --help, manual page and shell completion are made of, read
+// from the same tables the parser uses, so that they cannot drift apart.
+struct CEmHostOptionInfo {
+  std::string m_Name;   // "--module"
+  std::string m_Value;  // "PATH"; empty for a flag
+  std::string m_Help;   // one paragraph
+  // What a shell completes as its value: "file", "directory", a list of
+  // words separated by spaces, or "" (nothing to offer: a number).
+  std::string m_Complete;
+};
+struct CEmHostCommandInfo {
+  std::string m_Name;       // "transfer"
+  std::string m_Arguments;  // "NAME"; empty when none
+  std::string m_Help;
+};
+// In the order --help lists them; --help and --version included.
+std::vector<CEmHostOptionInfo> EmHostOptionInfo();
+std::vector<CEmHostCommandInfo> EmHostCommandInfo();
 
 // An absolute form of path (relative paths are taken from the working
 // directory; nothing is resolved).

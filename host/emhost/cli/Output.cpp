@@ -14,6 +14,21 @@ std::string DurationText(double seconds) {
   return text;
 }
 
+std::string AgeText(unsigned long long seconds) {
+  struct CUnit {
+    unsigned long long m_Seconds;
+    const char* m_Name;
+  };
+  static const CUnit kUnits[] = {{86400, "d"}, {3600, "h"}, {60, "min"}, {1, "s"}};
+  for (std::size_t i = 0; i + 1 < sizeof(kUnits) / sizeof(kUnits[0]); ++i) {
+    if (seconds < kUnits[i].m_Seconds) continue;
+    const CUnit& next = kUnits[i + 1];
+    return std::to_string(seconds / kUnits[i].m_Seconds) + " " + kUnits[i].m_Name + " " +
+           std::to_string(seconds % kUnits[i].m_Seconds / next.m_Seconds) + " " + next.m_Name;
+  }
+  return std::to_string(seconds) + " s";
+}
+
 void Complain(const std::string& text) {
   std::fflush(stdout);
   std::fprintf(stderr, "em-host: %s\n", text.c_str());

@@ -13,6 +13,9 @@ using EmClock = std::chrono::steady_clock;
 double SecondsSince(EmClock::time_point start);
 // "12.3 s"
 std::string DurationText(double seconds);
+// How long ago something happened, in the two largest units: "42 s",
+// "5 min 3 s", "2 h 5 min", "3 d 4 h".
+std::string AgeText(unsigned long long seconds);
 // "em-host: TEXT" on standard error, after what standard output holds.
 void Complain(const std::string& text);
 

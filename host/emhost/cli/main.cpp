@@ -2,25 +2,56 @@
 // trace sink, the configuration store, the thread monitor), blocks the
 // signals it handles, and runs one command against the loaded module.
 #include "host/HostControl.h"
+#include "host/emhost/cli/Docs.h"
 #include "host/emhost/cli/EmHost.h"
 #include "host/emhost/cli/Options.h"
+#include "host/emhost/cli/Output.h"
 #include "host/emhost/cli/ToolReport.h"
+#include "host/emhost/loader/ModuleHost.h"
 #include "host/emhost/serve/Signals.h"
 #include "module/Protocol.h"
 #include "util/Fd.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <fcntl.h>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
 
+// One line on what was wrong, and where to read more: the whole help would
+// bury that line.
 int Usage(const std::string& error) {
-  std::fprintf(stderr, "em-host: %s\n%s", error.c_str(), EmHostUsage());
+  std::fprintf(stderr, "em-host: %s\nTry 'em-host --help' for more information.\n", error.c_str());
   return kExitUsage;
+}
+
+// The version, and the module library this em-host would load: which one is
+// the first question when a host misbehaves.
+int Version(const CEmHostOptions& options) {
+  const std::string module =
+      options.m_ModulePath.empty() ? DefaultModulePath() : options.m_ModulePath;
+  const bool present = ::access(module.c_str(), F_OK) == 0;
+  std::printf("em-host %s\nmodule:  %s%s\n", EmHostVersion().c_str(), module.c_str(),
+              present ? "" : " (missing)");
+  return 0;
+}
+
+// The default BMC directory lands in whatever directory em-host was started
+// from: when em-host creates it, it says so (on standard error, with its
+// other notices, as standard output may carry a serve session). A failure
+// is left to the file transfer to report.
+void MakeDefaultBmcDirectory(const std::string& path) {
+  if (::mkdir(path.c_str(), 0755) == 0) {
+    Complain("created the BMC directory " + path + " (the default; --bmc-dir names another)");
+  } else if (errno != EEXIST) {
+    Complain("cannot create the BMC directory " + path + ": " + std::strerror(errno));
+  }
 }
 
 // mkdir -p; failures are left to the file transfer to report.
@@ -91,7 +122,11 @@ int Run(const CEmHostOptions& options, CSignalWatch& signals) {
   if (!SetUpConfiguration(options)) return kExitSetup;
   if (options.m_Command == EmCommand::kTransfer || options.m_Command == EmCommand::kCollect ||
       options.m_Command == EmCommand::kServe) {
-    MakeDirectories(options.m_BmcDir);
+    if (options.m_BmcDirDefault) {
+      MakeDefaultBmcDirectory(options.m_BmcDir);
+    } else {
+      MakeDirectories(options.m_BmcDir);
+    }
   }
   const int status = RunEmHostCommand(options, signals);
   std::fflush(stdout);
@@ -113,9 +148,10 @@ int main(int argc, char** argv) {
       return Usage(error);
     }
     if (options.m_Command == EmCommand::kHelp) {
-      std::fputs(EmHostUsage(), stdout);
+      std::fputs(EmHostHelp().c_str(), stdout);
       return 0;
     }
+    if (options.m_Command == EmCommand::kVersion) return Version(options);
     return Run(options, signals);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "em-host: %s\n", e.what());
