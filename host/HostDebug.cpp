@@ -13,18 +13,19 @@
 // off must be able to see a Print call that should not have happened.
 #include "frame/HostServices.h"
 #include "host/HostControl.h"
-
-#include <fcntl.h>
-#include <pthread.h>
-#include <unistd.h>
+#include "util/Fd.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <mutex>
+#include <pthread.h>
 #include <string>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -38,7 +39,7 @@ enum class ESink { Stderr, File, Memory };
 struct CDebugSink {
   std::mutex m_Mutex;
   ESink m_Sink = ESink::Stderr;
-  int m_Fd = -1;  // the file sink's descriptor, O_APPEND
+  korvex::CFd m_File;  // the file sink's descriptor, O_APPEND
   std::string m_Memory;
   std::atomic<unsigned int> m_MaxLevel{5};
   std::atomic<unsigned long> m_Calls{0};
@@ -48,27 +49,6 @@ CDebugSink& Sink() {
   // Never destroyed: threads may still trace while the process exits.
   static CDebugSink* const sink = new CDebugSink;
   return *sink;
-}
-
-// write() until everything is out. A short write is continued; an error
-// other than EINTR gives up on the rest (there is nowhere to report it).
-void WriteAll(int fd, const char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t written = ::write(fd, data, size);
-    if (written < 0) {
-      if (errno == EINTR) continue;
-      return;
-    }
-    data += written;
-    size -= static_cast<std::size_t>(written);
-  }
-}
-
-void CloseFileSinkLocked(CDebugSink& sink) {
-  if (sink.m_Fd >= 0) {
-    ::close(sink.m_Fd);  // never retried: the descriptor is gone even on EINTR
-    sink.m_Fd = -1;
-  }
 }
 
 // Keeps a cancellation request (CThread::Kill) from striking inside write():
@@ -131,13 +111,14 @@ void CDebug::Print(unsigned int level, const char* format, ...) {
       sink.m_Memory.append(text, size);
       break;
     case ESink::File:
-      if (sink.m_Fd >= 0) {
-        WriteAll(sink.m_Fd, text, size);
+      // A write error loses the line: there is nowhere to report it.
+      if (sink.m_File) {
+        korvex::WriteAll(sink.m_File.Get(), text, size);
         break;
       }
       [[fallthrough]];
     case ESink::Stderr:
-      WriteAll(STDERR_FILENO, text, size);
+      korvex::WriteAll(STDERR_FILENO, text, size);
       break;
   }
 }
@@ -147,7 +128,7 @@ namespace halvane {
 void TraceToStderr() {
   CDebugSink& sink = Sink();
   std::lock_guard<std::mutex> lock(sink.m_Mutex);
-  CloseFileSinkLocked(sink);
+  sink.m_File.Reset();
   sink.m_Sink = ESink::Stderr;
 }
 
@@ -156,15 +137,15 @@ bool TraceToFile(const char* path, std::string* error) {
     if (error != nullptr) *error = "trace file: no path given";
     return false;
   }
-  const int fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    if (error != nullptr) *error = std::string(path) + ": cannot open trace file: " + std::strerror(errno);
+  korvex::CFd fd(::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+  if (!fd) {
+    if (error != nullptr)
+      *error = std::string(path) + ": cannot open trace file: " + std::strerror(errno);
     return false;
   }
   CDebugSink& sink = Sink();
   std::lock_guard<std::mutex> lock(sink.m_Mutex);
-  CloseFileSinkLocked(sink);
-  sink.m_Fd = fd;
+  sink.m_File = std::move(fd);
   sink.m_Sink = ESink::File;
   return true;
 }
@@ -172,7 +153,7 @@ bool TraceToFile(const char* path, std::string* error) {
 void TraceToMemory() {
   CDebugSink& sink = Sink();
   std::lock_guard<std::mutex> lock(sink.m_Mutex);
-  CloseFileSinkLocked(sink);
+  sink.m_File.Reset();
   sink.m_Memory.clear();
   sink.m_Sink = ESink::Memory;
 }
@@ -191,7 +172,9 @@ void SetTraceLevel(unsigned int maxLevel) {
 
 unsigned int TraceLevel() { return Sink().m_MaxLevel.load(std::memory_order_relaxed); }
 
-void SetTraceSwitch(bool on) { __atomic_store_n(&Debug.m_TraceSwitch, on ? 1u : 0u, __ATOMIC_RELAXED); }
+void SetTraceSwitch(bool on) {
+  __atomic_store_n(&Debug.m_TraceSwitch, on ? 1u : 0u, __ATOMIC_RELAXED);
+}
 
 void SetDebugName(const char* name) {
   std::snprintf(Debug.m_DebugName, sizeof(Debug.m_DebugName), "%s", name != nullptr ? name : "");

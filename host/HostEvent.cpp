@@ -6,11 +6,10 @@
 // after every wake-up, so a Set that comes before the Wait is never lost and
 // spurious wake-ups are harmless.
 #include "frame/HostServices.h"
-
-#include <pthread.h>
+#include "util/Deadline.h"
 
 #include <cerrno>
-#include <ctime>
+#include <pthread.h>
 
 namespace {
 
@@ -29,18 +28,6 @@ class CMutexUnlocker {
   pthread_mutex_t* m_pMutex;
 };
 
-timespec DeadlineAfter(unsigned int timeoutMs) {
-  timespec deadline{};
-  clock_gettime(CLOCK_MONOTONIC, &deadline);
-  deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000u);
-  deadline.tv_nsec += static_cast<long>(timeoutMs % 1000u) * 1000000L;
-  if (deadline.tv_nsec >= 1000000000L) {
-    deadline.tv_sec += 1;
-    deadline.tv_nsec -= 1000000000L;
-  }
-  return deadline;
-}
-
 }  // namespace
 
 // name and attributes are accepted for the host's signature; the stand-alone
@@ -48,11 +35,7 @@ timespec DeadlineAfter(unsigned int timeoutMs) {
 CEvent::CEvent(int initiallySignalled, int manualReset, const char* /*name*/, void* /*attributes*/)
     : m_Signalled(initiallySignalled != 0 ? 1u : 0u), m_ManualReset(manualReset != 0 ? 1u : 0u) {
   pthread_mutex_init(&m_Mutex, nullptr);
-  pthread_condattr_t attributes;
-  pthread_condattr_init(&attributes);
-  pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-  pthread_cond_init(&m_Cond, &attributes);
-  pthread_condattr_destroy(&attributes);
+  korvex::InitMonotonicCondition(m_Cond);
 }
 
 CEvent::~CEvent() {
@@ -65,7 +48,8 @@ int CEvent::Set() {
   m_Signalled = 1;
   // A manual-reset event releases every waiter; an auto-reset event exactly
   // one (the one that consumes the signal).
-  const int rc = m_ManualReset != 0 ? pthread_cond_broadcast(&m_Cond) : pthread_cond_signal(&m_Cond);
+  const int rc =
+      m_ManualReset != 0 ? pthread_cond_broadcast(&m_Cond) : pthread_cond_signal(&m_Cond);
   pthread_mutex_unlock(&m_Mutex);
   return rc == 0 ? 1 : 0;
 }
@@ -82,15 +66,12 @@ int CEvent::Reset() {
 int CEvent::Wait(unsigned int timeoutMs, int /*alertable*/) {
   if (pthread_mutex_lock(&m_Mutex) != 0) return 0;
   CMutexUnlocker unlocker(&m_Mutex);
-  if (timeoutMs == kInfinite) {
-    while (m_Signalled == 0) pthread_cond_wait(&m_Cond, &m_Mutex);
-  } else {
-    const timespec deadline = DeadlineAfter(timeoutMs);
-    while (m_Signalled == 0) {
-      if (pthread_cond_timedwait(&m_Cond, &m_Mutex, &deadline) == ETIMEDOUT) break;
-    }
+  const bool forever = timeoutMs == kInfinite;
+  const timespec deadline = korvex::MonotonicDeadlineAfter(forever ? 0u : timeoutMs);
+  if (!korvex::WaitCondition(m_Cond, m_Mutex, forever ? nullptr : &deadline,
+                             [this] { return m_Signalled != 0; })) {
+    return 0;
   }
-  if (m_Signalled == 0) return 0;
   if (m_ManualReset == 0) m_Signalled = 0;
   return 1;
 }

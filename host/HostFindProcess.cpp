@@ -2,6 +2,7 @@
 // names of the machine's processes from /proc, through a cache of open
 // comm descriptors.
 #include "frame/HostServices.h"
+#include "util/Fd.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,24 +18,16 @@
 #include <sys/types.h>
 #include <unistd.h>
 #include <unordered_map>
+#include <utility>
 
 namespace {
 
 // Reads a small /proc file whole, by its path below the /proc directory
 // (procFd); empty on any error.
 std::string ReadSmallFile(int procFd, const std::string& relativePath) {
-  const int fd = ::openat(procFd, relativePath.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::string();
+  const korvex::CFd fd(::openat(procFd, relativePath.c_str(), O_RDONLY | O_CLOEXEC));
   std::string text;
-  char buffer[512];
-  for (;;) {
-    const ssize_t got = ::read(fd, buffer, sizeof(buffer));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    text.append(buffer, static_cast<std::size_t>(got));
-    if (text.size() > 65536) break;
-  }
-  ::close(fd);
+  if (fd) korvex::ReadToEnd(fd.Get(), text, 65536);  // what came before an error is kept
   return text;
 }
 
@@ -65,9 +58,8 @@ class CNameCache {
     const auto known = m_Entries.find(pid);
     if (known != m_Entries.end()) {
       known->second.m_Generation = m_Generation;
-      if (ReadAt(known->second.m_Fd, comm)) return true;
-      ::close(known->second.m_Fd);  // reaped; the number may be somebody else's now
-      m_Entries.erase(known);
+      if (ReadAt(known->second.m_Fd.Get(), comm)) return true;
+      m_Entries.erase(known);  // reaped; the number may be somebody else's now
     }
     char path[32];
     const std::size_t digits = std::strlen(pidText);
@@ -75,14 +67,11 @@ class CNameCache {
     if (digits + sizeof(kLeaf) > sizeof(path)) return false;
     std::memcpy(path, pidText, digits);
     std::memcpy(path + digits, kLeaf, sizeof(kLeaf));
-    const int fd = ::openat(procFd, path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return false;
-    const bool read = ReadAt(fd, comm);
-    if (read && m_Entries.size() < Limit()) {
-      m_Entries.emplace(pid, CEntry{fd, m_Generation});
-    } else {
-      ::close(fd);
-    }
+    korvex::CFd fd(::openat(procFd, path, O_RDONLY | O_CLOEXEC));
+    if (!fd) return false;
+    const bool read = ReadAt(fd.Get(), comm);
+    if (read && m_Entries.size() < Limit())
+      m_Entries.emplace(pid, CEntry{std::move(fd), m_Generation});
     return read;
   }
 
@@ -90,7 +79,6 @@ class CNameCache {
   void Sweep() {
     for (auto entry = m_Entries.begin(); entry != m_Entries.end();) {
       if (entry->second.m_Generation != m_Generation) {
-        ::close(entry->second.m_Fd);
         entry = m_Entries.erase(entry);
       } else {
         ++entry;
@@ -101,17 +89,14 @@ class CNameCache {
 
  private:
   struct CEntry {
-    int m_Fd;
+    korvex::CFd m_Fd;
     unsigned int m_Generation;  // the search that last saw the number
   };
 
   // The kernel hands comm over whole (at most 15 characters and a line
   // break) in one read.
   static bool ReadAt(int fd, char (&comm)[64]) {
-    ssize_t got;
-    do {
-      got = ::pread(fd, comm, sizeof(comm) - 1, 0);
-    } while (got < 0 && errno == EINTR);
+    const ssize_t got = KORVEX_RETRY(::pread(fd, comm, sizeof(comm) - 1, 0));
     if (got <= 0) return false;
     std::size_t length = static_cast<std::size_t>(got);
     if (comm[length - 1] == '\n') --length;

@@ -26,6 +26,8 @@
 #include "frame/HostServices.h"
 #include "host/HostControl.h"
 #include "host/ProcessTree.h"
+#include "util/Deadline.h"
+#include "util/Fd.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -59,28 +61,15 @@ constexpr unsigned int kLostStatusCode = 255;
 // How many reaped children keep their exit code for a late WaitForExit.
 constexpr std::size_t kExitedMemory = 256;
 
-void CloseFd(int& fd) {
-  if (fd >= 0) ::close(fd);  // never retried on EINTR: the fd is gone either way
-  fd = -1;
-}
-
 // The tool log of one run, opened before the supervisor starts.
 struct CLogFiles {
   std::string m_Path;
   std::string m_Name;
   std::string m_OldName;
   std::size_t m_HalfBytes = 0;
-  int m_DirFd = -1;
-  int m_Fd = -1;
+  korvex::CFd m_DirFd;
+  korvex::CFd m_Fd;
   std::string m_Problem;
-
-  CLogFiles() = default;
-  CLogFiles(const CLogFiles&) = delete;
-  CLogFiles& operator=(const CLogFiles&) = delete;
-  ~CLogFiles() {
-    CloseFd(m_Fd);
-    CloseFd(m_DirFd);
-  }
 };
 
 struct CChild {
@@ -88,7 +77,7 @@ struct CChild {
   std::string m_WorkingDir;
   CLogFiles m_Log;
   halvane::CTreeChild m_Tree;
-  int m_PidFd = -1;  // owned; closed when the last holder lets go
+  korvex::CFd m_PidFd;  // closed when the last holder lets go
 
   // Under the table lock:
   bool m_StartKnown = false;  // the tool started, or could not
@@ -98,15 +87,6 @@ struct CChild {
   unsigned int m_ExitCode = 0;
   bool m_Terminated = false;  // TerminateProcess ended it
   unsigned int m_TerminateCode = 0;
-
-  CChild() = default;
-  CChild(const CChild&) = delete;
-  CChild& operator=(const CChild&) = delete;
-  ~CChild() {
-    CloseFd(m_PidFd);
-    CloseFd(m_Tree.m_ReportFd);
-    CloseFd(m_Tree.m_LifelineFd);
-  }
 };
 
 using CChildPtr = std::shared_ptr<CChild>;
@@ -114,11 +94,7 @@ using CChildPtr = std::shared_ptr<CChild>;
 struct CSpawnTable {
   CSpawnTable() {
     pthread_mutex_init(&m_Mutex, nullptr);
-    pthread_condattr_t attributes;
-    pthread_condattr_init(&attributes);
-    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-    pthread_cond_init(&m_Changed, &attributes);
-    pthread_condattr_destroy(&attributes);
+    korvex::InitMonotonicCondition(m_Changed);
   }
 
   // pthread primitives rather than std ones: waits on m_Changed are
@@ -250,16 +226,17 @@ std::string TimeText() {
   return text;
 }
 
+korvex::CFd OpenLogFile(const korvex::CFd& directory, const std::string& name) {
+  return korvex::CFd(::openat(directory.Get(), name.c_str(),
+                              O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0640));
+}
+
 void AppendLogLine(const CLogFiles& log, const std::string& line) {
-  if (log.m_DirFd < 0) return;
+  if (!log.m_DirFd) return;
   // By name: the supervisor may have moved the file it started with aside.
-  const int fd = ::openat(log.m_DirFd, log.m_Name.c_str(),
-                          O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0640);
-  if (fd < 0) return;
-  if (::write(fd, line.data(), line.size()) < 0) {
-    // A full disk loses the line, nothing more.
-  }
-  ::close(fd);
+  const korvex::CFd fd = OpenLogFile(log.m_DirFd, log.m_Name);
+  // A full disk loses the line, nothing more.
+  if (fd) korvex::WriteAll(fd.Get(), line.data(), line.size());
 }
 
 // Opens the tool log for one run. The log is refused when it is a link, not
@@ -279,21 +256,18 @@ void OpenLog(CLogFiles& log) {
   log.m_Name = slash == std::string::npos ? path : path.substr(slash + 1);
   log.m_OldName = log.m_Name + ".1";
   log.m_HalfBytes = bytes / 2;
-  log.m_DirFd = ::open(DirectoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (log.m_DirFd >= 0) {
-    log.m_Fd = ::openat(log.m_DirFd, log.m_Name.c_str(),
-                        O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0640);
-  }
+  log.m_DirFd.Reset(::open(DirectoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (log.m_DirFd) log.m_Fd = OpenLogFile(log.m_DirFd, log.m_Name);
   struct stat status {};
-  if (log.m_Fd < 0) {
+  if (!log.m_Fd) {
     log.m_Problem = "cannot open " + path + ": " + std::strerror(errno);
-  } else if (::fstat(log.m_Fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1 ||
-             status.st_uid != ::geteuid()) {
+  } else if (::fstat(log.m_Fd.Get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+             status.st_nlink != 1 || status.st_uid != ::geteuid()) {
     log.m_Problem = path + " is not a plain file of this user; not used";
   }
   if (!log.m_Problem.empty()) {
-    CloseFd(log.m_Fd);
-    CloseFd(log.m_DirFd);
+    log.m_Fd.Reset();
+    log.m_DirFd.Reset();
     return;
   }
   log.m_Path = path;
@@ -322,10 +296,8 @@ int SendSignal(int pidFd, int signal) {
 bool HasEndedLocked(const CChild& child) {
   siginfo_t info;
   std::memset(&info, 0, sizeof(info));
-  int rc;
-  do {
-    rc = ::waitid(P_PID, static_cast<id_t>(child.m_Tree.m_Pid), &info, WEXITED | WNOHANG | WNOWAIT);
-  } while (rc < 0 && errno == EINTR);
+  const int rc = KORVEX_RETRY(
+      ::waitid(P_PID, static_cast<id_t>(child.m_Tree.m_Pid), &info, WEXITED | WNOHANG | WNOWAIT));
   return rc != 0 || info.si_pid == child.m_Tree.m_Pid;
 }
 
@@ -336,8 +308,8 @@ void Launch(const CChildPtr& child, bool tryNamespace) {
   halvane::CTreeLaunch launch;
   launch.m_Path = child->m_Path.c_str();
   launch.m_WorkingDir = child->m_WorkingDir.c_str();
-  launch.m_LogFd = child->m_Log.m_Fd;
-  launch.m_LogDirFd = child->m_Log.m_DirFd;
+  launch.m_LogFd = child->m_Log.m_Fd.Get();
+  launch.m_LogDirFd = child->m_Log.m_DirFd.Get();
   launch.m_LogName = child->m_Log.m_Name.c_str();
   launch.m_LogOldName = child->m_Log.m_OldName.c_str();
   launch.m_LogHalfBytes = child->m_Log.m_HalfBytes;
@@ -354,10 +326,10 @@ void Launch(const CChildPtr& child, bool tryNamespace) {
 
   CSpawnTable& table = Spawns();
   halvane::CTreeReport report{0, 0};
-  const bool reported = forked && halvane::ReadTreeReport(child->m_Tree.m_ReportFd, report);
+  const bool reported = forked && halvane::ReadTreeReport(child->m_Tree.m_ReportFd.Get(), report);
   CTableLock lock(table);
   if (forked) {
-    child->m_PidFd = OpenPidFd(child->m_Tree.m_Pid);  // close-on-exec by nature
+    child->m_PidFd.Reset(OpenPidFd(child->m_Tree.m_Pid));  // close-on-exec by nature
     table.m_Live[child->m_Tree.m_Pid] = child;
     // An old child's id came back: its remembered code is not this one's.
     if (table.m_Exited.erase(child->m_Tree.m_Pid) != 0) {
@@ -373,24 +345,52 @@ void Launch(const CChildPtr& child, bool tryNamespace) {
 
 // Blocks until the supervisor has ended, without reaping it.
 void BlockUntilEnded(const CChild& child) {
-  if (child.m_PidFd >= 0) {
-    pollfd descriptor{child.m_PidFd, POLLIN, 0};
-    for (;;) {
-      const int rc = ::poll(&descriptor, 1, -1);
-      if (rc > 0) return;
-      if (rc < 0 && errno != EINTR) break;  // fall back to waitid below
-    }
+  if (child.m_PidFd) {
+    pollfd descriptor{child.m_PidFd.Get(), POLLIN, 0};
+    if (KORVEX_RETRY(::poll(&descriptor, 1, -1)) > 0) return;
+    // A failed poll falls back to waitid.
   }
   siginfo_t info;
   std::memset(&info, 0, sizeof(info));
-  while (::waitid(P_PID, static_cast<id_t>(child.m_Tree.m_Pid), &info, WEXITED | WNOWAIT) < 0 &&
-         errno == EINTR) {
-  }
+  KORVEX_RETRY(::waitid(P_PID, static_cast<id_t>(child.m_Tree.m_Pid), &info, WEXITED | WNOWAIT));
 }
 
 std::string SignalName(int signo) {
   const char* abbreviation = ::sigabbrev_np(signo);
   return abbreviation != nullptr ? std::string("SIG") + abbreviation : std::to_string(signo);
+}
+
+// How the run ended, from the tool's status that the supervisor reported
+// or, without one, from the supervisor's own end (rc and info of waitid);
+// the exit code ExecuteCmd and WaitForExit give.
+unsigned int Outcome(bool haveStatus, int toolStatus, int rc, const siginfo_t& info,
+                     CToolRun& run) {
+  if (haveStatus && WIFEXITED(toolStatus)) {
+    run.m_Result = CToolRun::Result::kExited;
+    run.m_Code = WEXITSTATUS(toolStatus);
+    return static_cast<unsigned int>(run.m_Code);
+  }
+  if (haveStatus && WIFSIGNALED(toolStatus)) {
+    run.m_Result = CToolRun::Result::kSignaled;
+    run.m_Code = WTERMSIG(toolStatus);
+    return 128u + static_cast<unsigned int>(run.m_Code);
+  }
+  if (rc == 0 && info.si_code != CLD_EXITED) {  // the supervisor was killed
+    run.m_Result = CToolRun::Result::kSignaled;
+    run.m_Code = info.si_status;
+    return 128u + static_cast<unsigned int>(info.si_status);
+  }
+  run.m_Result = CToolRun::Result::kFailed;
+  run.m_Why = "its exit status was lost";
+  return kLostStatusCode;
+}
+
+// The tool log's closing line of a run that started.
+std::string EndLine(const CChild& child, bool haveStatus, int toolStatus, const CToolRun& run) {
+  std::string how = "exit code " + std::to_string(child.m_ExitCode);
+  if (haveStatus && WIFSIGNALED(toolStatus)) how = "killed by " + SignalName(WTERMSIG(toolStatus));
+  if (run.m_Result == CToolRun::Result::kTerminated) how += ", stopped by the host";
+  return "--- " + TimeText() + " " + child.m_Path + " ended: " + how + "\n";
 }
 
 // Reaps the ended supervisor under the lock, with the tool's status from the
@@ -403,55 +403,28 @@ void Reap(const CChildPtr& child, bool haveStatus, int toolStatus) {
   run.m_LogPath = child->m_Log.m_Path;
   run.m_LogProblem = child->m_Log.m_Problem;
   CSpawnTable& table = Spawns();
-  {
-    CTableLock lock(table);
-    siginfo_t info;
-    std::memset(&info, 0, sizeof(info));
-    int rc;
-    do {
-      rc = ::waitid(P_PID, static_cast<id_t>(child->m_Tree.m_Pid), &info, WEXITED);
-    } while (rc < 0 && errno == EINTR);
-    unsigned int code = kLostStatusCode;
-    if (haveStatus && WIFEXITED(toolStatus)) {
-      code = static_cast<unsigned int>(WEXITSTATUS(toolStatus));
-      run.m_Result = CToolRun::Result::kExited;
-      run.m_Code = static_cast<int>(code);
-    } else if (haveStatus && WIFSIGNALED(toolStatus)) {
-      code = 128u + static_cast<unsigned int>(WTERMSIG(toolStatus));
-      run.m_Result = CToolRun::Result::kSignaled;
-      run.m_Code = WTERMSIG(toolStatus);
-    } else if (rc == 0 && info.si_code != CLD_EXITED) {
-      code = 128u + static_cast<unsigned int>(info.si_status);  // the supervisor was killed
-      run.m_Result = CToolRun::Result::kSignaled;
-      run.m_Code = info.si_status;
-    } else {
-      run.m_Result = CToolRun::Result::kFailed;
-      run.m_Why = "its exit status was lost";
-    }
-    if (child->m_Terminated) {
-      code = child->m_TerminateCode;
-      run.m_Result = CToolRun::Result::kTerminated;
-      run.m_Code = static_cast<int>(code);
-    }
-    child->m_ExitCode = code;
-    child->m_Reaped = true;
-    table.m_Live.erase(child->m_Tree.m_Pid);
-    RememberExitLocked(table, child->m_Tree.m_Pid, code);
-    // Recorded before anyone wakes: whoever got the exit code may ask how
-    // the run went at once. A tool that never started is recorded by
-    // ExecuteCmd.
-    if (child->m_Started) {
-      std::string how = "exit code " + std::to_string(code);
-      if (haveStatus && WIFSIGNALED(toolStatus)) {
-        how = "killed by " + SignalName(WTERMSIG(toolStatus));
-      }
-      if (run.m_Result == CToolRun::Result::kTerminated) how += ", stopped by the host";
-      AppendLogLine(child->m_Log,
-                    "--- " + TimeText() + " " + child->m_Path + " ended: " + how + "\n");
-      RecordRun(run);
-    }
-    pthread_cond_broadcast(&table.m_Changed);
+  CTableLock lock(table);
+  siginfo_t info;
+  std::memset(&info, 0, sizeof(info));
+  const int rc =
+      KORVEX_RETRY(::waitid(P_PID, static_cast<id_t>(child->m_Tree.m_Pid), &info, WEXITED));
+  unsigned int code = Outcome(haveStatus, toolStatus, rc, info, run);
+  if (child->m_Terminated) {
+    code = child->m_TerminateCode;
+    run.m_Result = CToolRun::Result::kTerminated;
+    run.m_Code = static_cast<int>(code);
   }
+  child->m_ExitCode = code;
+  child->m_Reaped = true;
+  table.m_Live.erase(child->m_Tree.m_Pid);
+  RememberExitLocked(table, child->m_Tree.m_Pid, code);
+  // Recorded before anyone wakes: whoever got the exit code may ask how the
+  // run went at once. A tool that never started is recorded by ExecuteCmd.
+  if (child->m_Started) {
+    AppendLogLine(child->m_Log, EndLine(*child, haveStatus, toolStatus, run));
+    RecordRun(run);
+  }
+  pthread_cond_broadcast(&table.m_Changed);
 }
 
 // After the start: waits for the supervisor's end (it comes only once the
@@ -461,7 +434,7 @@ void Watch(const CChildPtr& child) {
   bool haveStatus = false;
   int toolStatus = 0;
   halvane::CTreeReport report{0, 0};
-  while (halvane::ReadTreeReport(child->m_Tree.m_ReportFd, report)) {
+  while (halvane::ReadTreeReport(child->m_Tree.m_ReportFd.Get(), report)) {
     if (report.m_Kind == halvane::kTreeToolEnded) {
       haveStatus = true;
       toolStatus = report.m_Value;
@@ -490,18 +463,6 @@ bool StartWatcher(const CChildPtr& child) {
   }
 }
 
-timespec DeadlineAfter(unsigned int timeoutMs) {
-  timespec deadline{};
-  clock_gettime(CLOCK_MONOTONIC, &deadline);
-  deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000u);
-  deadline.tv_nsec += static_cast<long>(timeoutMs % 1000u) * 1000000L;
-  if (deadline.tv_nsec >= 1000000000L) {
-    deadline.tv_sec += 1;
-    deadline.tv_nsec -= 1000000000L;
-  }
-  return deadline;
-}
-
 // Waits until the child is reaped (by its watcher) or the time-out passed;
 // CEvent::kInfinite waits without limit. A cancellation point: a thread
 // killed here leaves the child running, in the table, still ours to
@@ -509,15 +470,12 @@ timespec DeadlineAfter(unsigned int timeoutMs) {
 bool WaitReaped(const CChildPtr& child, unsigned int timeoutMs, unsigned int& exitCode) {
   CSpawnTable& table = Spawns();
   CTableLock lock(table);
-  if (timeoutMs == CEvent::kInfinite) {
-    while (!child->m_Reaped) pthread_cond_wait(&table.m_Changed, &table.m_Mutex);
-  } else {
-    const timespec deadline = DeadlineAfter(timeoutMs);
-    while (!child->m_Reaped) {
-      if (pthread_cond_timedwait(&table.m_Changed, &table.m_Mutex, &deadline) == ETIMEDOUT) break;
-    }
+  const bool forever = timeoutMs == CEvent::kInfinite;
+  const timespec deadline = korvex::MonotonicDeadlineAfter(forever ? 0u : timeoutMs);
+  if (!korvex::WaitCondition(table.m_Changed, table.m_Mutex, forever ? nullptr : &deadline,
+                             [&] { return child->m_Reaped; })) {
+    return false;
   }
-  if (!child->m_Reaped) return false;
   exitCode = child->m_ExitCode;
   return true;
 }
@@ -525,7 +483,8 @@ bool WaitReaped(const CChildPtr& child, unsigned int timeoutMs, unsigned int& ex
 void WaitStartKnown(const CChildPtr& child) {
   CSpawnTable& table = Spawns();
   CTableLock lock(table);
-  while (!child->m_StartKnown) pthread_cond_wait(&table.m_Changed, &table.m_Mutex);
+  korvex::WaitCondition(table.m_Changed, table.m_Mutex, nullptr,
+                        [&] { return child->m_StartKnown; });
 }
 
 void RecordStartFailure(const CChild& child) {
@@ -554,6 +513,33 @@ void RecordStartFailure(const CChild& child) {
   AppendLogLine(child.m_Log, "--- " + TimeText() + " " + child.m_Path +
                                  " could not be started: " + run.m_Why + "\n");
   RecordRun(run);
+}
+
+// The child of one ExecuteCmd, its log opened and its start logged and
+// recorded as the running last run.
+CChildPtr NewRun(const char* commandLine, const char* workingDir) {
+  const CChildPtr child = std::make_shared<CChild>();
+  child->m_Path = commandLine;
+  if (workingDir != nullptr) child->m_WorkingDir = workingDir;
+  OpenLog(child->m_Log);
+  AppendLogLine(child->m_Log, "--- " + TimeText() + " " + child->m_Path + " started\n");
+  CToolRun running;
+  running.m_Result = CToolRun::Result::kRunning;
+  running.m_Path = child->m_Path;
+  running.m_LogPath = child->m_Log.m_Path;
+  running.m_LogProblem = child->m_Log.m_Problem;
+  RecordRun(running);
+  return child;
+}
+
+// The running last run learns the id it is known by.
+void RecordStarted(const CChild& child) {
+  CProcessSettings& settings = Settings();
+  std::lock_guard<std::mutex> lock(settings.m_Mutex);
+  if (settings.m_LastRun.m_Result == CToolRun::Result::kRunning) {
+    settings.m_LastRun.m_Pid = static_cast<unsigned int>(child.m_Tree.m_Pid);
+    settings.m_LastRun.m_Namespace = child.m_Tree.m_Namespace;
+  }
 }
 
 bool ValidPid(unsigned int processId) {
@@ -609,20 +595,7 @@ bool CProcess::ExecuteCmd(const char* commandLine, unsigned int& processId, unsi
     return false;
   }
 
-  const CChildPtr child = std::make_shared<CChild>();
-  child->m_Path = commandLine;
-  if (workingDir != nullptr) child->m_WorkingDir = workingDir;
-  OpenLog(child->m_Log);
-  AppendLogLine(child->m_Log, "--- " + TimeText() + " " + child->m_Path + " started\n");
-  {
-    CToolRun running;
-    running.m_Result = CToolRun::Result::kRunning;
-    running.m_Path = child->m_Path;
-    running.m_LogPath = child->m_Log.m_Path;
-    running.m_LogProblem = child->m_Log.m_Problem;
-    RecordRun(running);
-  }
-
+  const CChildPtr child = NewRun(commandLine, workingDir);
   const bool watched = StartWatcher(child);
   if (watched) {
     WaitStartKnown(child);
@@ -641,14 +614,7 @@ bool CProcess::ExecuteCmd(const char* commandLine, unsigned int& processId, unsi
   // Visible to other threads from here on (the module reads it with an
   // atomic load to terminate a long run).
   __atomic_store_n(&processId, static_cast<unsigned int>(child->m_Tree.m_Pid), __ATOMIC_RELEASE);
-  {
-    CProcessSettings& settings = Settings();
-    std::lock_guard<std::mutex> lock(settings.m_Mutex);
-    if (settings.m_LastRun.m_Result == CToolRun::Result::kRunning) {
-      settings.m_LastRun.m_Pid = static_cast<unsigned int>(child->m_Tree.m_Pid);
-      settings.m_LastRun.m_Namespace = child->m_Tree.m_Namespace;
-    }
-  }
+  RecordStarted(*child);
   if (!watched) Watch(child);
   unsigned int code = 0;
   if (!WaitReaped(child, CEvent::kInfinite, code)) return false;
@@ -698,8 +664,8 @@ bool CProcess::TerminateProcess(unsigned int processId, unsigned int exitCode) {
     child.m_Terminated = true;
     child.m_TerminateCode = exitCode;
   }
-  if (child.m_PidFd >= 0) {
-    SendSignal(child.m_PidFd, SIGTERM);
+  if (child.m_PidFd) {
+    SendSignal(child.m_PidFd.Get(), SIGTERM);
   } else {
     ::kill(pid, SIGTERM);  // still reserved by our unreaped supervisor
   }

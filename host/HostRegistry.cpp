@@ -7,15 +7,15 @@
 // too). Paths and value names are compared byte for byte, case-sensitive.
 #include "frame/HostServices.h"
 #include "host/HostControl.h"
-
-#include <fcntl.h>
-#include <unistd.h>
+#include "util/Fd.h"
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <map>
 #include <mutex>
 #include <string>
+#include <unistd.h>
 #include <utility>
 
 // The local-machine root. Modules only compare and pass the pointer.
@@ -82,32 +82,22 @@ std::string Trim(const std::string& text) {
 
 // Reads the file whole; false with the reason in *why.
 bool ReadFile(const char* path, std::string& content, std::string& why) {
-  const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
+  const korvex::CFd fd(::open(path, O_RDONLY | O_CLOEXEC));
+  if (!fd) {
     why = std::strerror(errno);
     return false;
   }
   constexpr std::size_t kLimit = 16u * 1024u * 1024u;
-  char buffer[4096];
-  bool ok = true;
-  for (;;) {
-    const ssize_t got = ::read(fd, buffer, sizeof(buffer));
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      why = std::strerror(errno);
-      ok = false;
-      break;
-    }
-    if (got == 0) break;
-    content.append(buffer, static_cast<std::size_t>(got));
-    if (content.size() > kLimit) {
-      why = "file larger than 16 MiB";
-      ok = false;
-      break;
-    }
+  const int error = korvex::ReadToEnd(fd.Get(), content, kLimit);
+  if (error != 0) {
+    why = std::strerror(error);
+    return false;
   }
-  ::close(fd);
-  return ok;
+  if (content.size() > kLimit) {
+    why = "file larger than 16 MiB";
+    return false;
+  }
+  return true;
 }
 
 // The text of a quoted value: body starts after the opening quote. False
@@ -128,11 +118,21 @@ bool Unquote(const std::string& body, std::string& value, std::string& why) {
       return false;
     }
     switch (body[i]) {
-      case '\\': value.push_back('\\'); break;
-      case '"': value.push_back('"'); break;
-      case 'n': value.push_back('\n'); break;
-      case 't': value.push_back('\t'); break;
-      case 'r': value.push_back('\r'); break;
+      case '\\':
+        value.push_back('\\');
+        break;
+      case '"':
+        value.push_back('"');
+        break;
+      case 'n':
+        value.push_back('\n');
+        break;
+      case 't':
+        value.push_back('\t');
+        break;
+      case 'r':
+        value.push_back('\r');
+        break;
       default:
         why = std::string("unknown escape \"\\") + body[i] + "\" in quoted value";
         return false;
@@ -151,56 +151,79 @@ bool Unquote(const std::string& body, std::string& value, std::string& why) {
   return true;
 }
 
-bool ParseRegistry(const std::string& content, const char* path, CKeys& keys, std::string& error) {
-  std::string currentKey;
-  bool inKey = false;
-  std::size_t lineNumber = 0;
-  std::size_t start = 0;
-  auto fail = [&](const std::string& what) {
-    error = std::string(path) + ":" + std::to_string(lineNumber) + ": " + what;
+// The parser's place in the file: the key that values go into and the
+// line being read, for the error text.
+struct CParse {
+  const char* m_Path;
+  CKeys& m_Keys;
+  std::string& m_Error;
+  std::string m_CurrentKey;
+  bool m_InKey = false;
+  std::size_t m_LineNumber = 0;
+
+  bool Fail(const std::string& what) {
+    m_Error = std::string(m_Path) + ":" + std::to_string(m_LineNumber) + ": " + what;
     return false;
-  };
+  }
+};
+
+// "[key path]"
+bool ParseKeyLine(const std::string& line, CParse& parse) {
+  const std::size_t close = line.find(']');
+  if (close == std::string::npos) return parse.Fail("missing \"]\" after key path");
+  if (!Trim(line.substr(close + 1)).empty()) return parse.Fail("text after \"]\"");
+  const std::string key = Trim(line.substr(1, close - 1));
+  if (key.empty()) return parse.Fail("empty key path");
+  if (!ValidKeyPath(key)) {
+    return parse.Fail("malformed key path \"" + key + "\" (empty component)");
+  }
+  parse.m_CurrentKey = key;
+  parse.m_InKey = true;
+  parse.m_Keys[key];  // a key without values exists too
+  return true;
+}
+
+// "name = value" or "name = \"quoted value\""
+bool ParseValueLine(const std::string& line, CParse& parse) {
+  const std::size_t equals = line.find('=');
+  if (equals == std::string::npos) {
+    return parse.Fail("expected \"[key path]\" or \"name = value\"");
+  }
+  const std::string name = Trim(line.substr(0, equals));
+  if (name.empty()) return parse.Fail("value without a name");
+  if (!parse.m_InKey) return parse.Fail("value \"" + name + "\" before the first [key path]");
+  std::string value = Trim(line.substr(equals + 1));
+  if (!value.empty() && value[0] == '"') {
+    std::string why;
+    std::string unquoted;
+    if (!Unquote(value.substr(1), unquoted, why)) return parse.Fail(why);
+    value = std::move(unquoted);
+  }
+  CValues& values = parse.m_Keys[parse.m_CurrentKey];
+  if (values.find(name) != values.end()) {
+    return parse.Fail("duplicate value \"" + name + "\" in key \"" + parse.m_CurrentKey + "\"");
+  }
+  values.emplace(name, std::move(value));
+  return true;
+}
+
+bool ParseLine(std::string raw, CParse& parse) {
+  if (!raw.empty() && raw.back() == '\r') raw.pop_back();
+  if (raw.find('\0') != std::string::npos) return parse.Fail("NUL byte in line");
+  const std::string line = Trim(raw);
+  if (line.empty() || line[0] == '#' || line[0] == ';') return true;
+  return line[0] == '[' ? ParseKeyLine(line, parse) : ParseValueLine(line, parse);
+}
+
+bool ParseRegistry(const std::string& content, const char* path, CKeys& keys, std::string& error) {
+  CParse parse{path, keys, error, std::string(), false, 0};
+  std::size_t start = 0;
   while (start < content.size()) {
     std::size_t end = content.find('\n', start);
     if (end == std::string::npos) end = content.size();
-    std::string raw = content.substr(start, end - start);
+    ++parse.m_LineNumber;
+    if (!ParseLine(content.substr(start, end - start), parse)) return false;
     start = end + 1;
-    ++lineNumber;
-    if (!raw.empty() && raw.back() == '\r') raw.pop_back();
-    if (raw.find('\0') != std::string::npos) return fail("NUL byte in line");
-    const std::string line = Trim(raw);
-    if (line.empty() || line[0] == '#' || line[0] == ';') continue;
-
-    if (line[0] == '[') {
-      const std::size_t close = line.find(']');
-      if (close == std::string::npos) return fail("missing \"]\" after key path");
-      if (!Trim(line.substr(close + 1)).empty()) return fail("text after \"]\"");
-      const std::string key = Trim(line.substr(1, close - 1));
-      if (key.empty()) return fail("empty key path");
-      if (!ValidKeyPath(key)) return fail("malformed key path \"" + key + "\" (empty component)");
-      currentKey = key;
-      inKey = true;
-      keys[currentKey];  // a key without values exists too
-      continue;
-    }
-
-    const std::size_t equals = line.find('=');
-    if (equals == std::string::npos) return fail("expected \"[key path]\" or \"name = value\"");
-    const std::string name = Trim(line.substr(0, equals));
-    if (name.empty()) return fail("value without a name");
-    if (!inKey) return fail("value \"" + name + "\" before the first [key path]");
-    std::string value = Trim(line.substr(equals + 1));
-    if (!value.empty() && value[0] == '"') {
-      std::string why;
-      std::string unquoted;
-      if (!Unquote(value.substr(1), unquoted, why)) return fail(why);
-      value = std::move(unquoted);
-    }
-    CValues& values = keys[currentKey];
-    if (values.find(name) != values.end()) {
-      return fail("duplicate value \"" + name + "\" in key \"" + currentKey + "\"");
-    }
-    values.emplace(name, std::move(value));
   }
   return true;
 }

@@ -11,9 +11,6 @@
 #include "frame/Trace.h"
 #include "host/HostControl.h"
 
-#include <pthread.h>
-#include <sched.h>
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -23,6 +20,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <pthread.h>
+#include <sched.h>
 
 CTHREADMONITOR* pThreadMonitor = nullptr;
 int ThreadCounter = 0;
@@ -44,10 +43,10 @@ struct CThreadRecord {
   void* m_Argument = nullptr;
   pthread_t m_Id{};
 
-  std::mutex m_Mutex;                  // guards m_Go and m_Ended
+  std::mutex m_Mutex;  // guards m_Go and m_Ended
   std::condition_variable m_Changed;
-  bool m_Go = false;                   // Start has finished the bookkeeping
-  bool m_Abandon = false;              // Start failed after creating: do not run
+  bool m_Go = false;       // Start has finished the bookkeeping
+  bool m_Abandon = false;  // Start failed after creating: do not run
   // The thread function returned or unwound. Written and read under
   // m_Mutex like m_Go, and atomic besides: a thread cancelled inside a
   // blocking call that ThreadSanitizer intercepts (a sleep, poll, read) is
@@ -139,7 +138,8 @@ CRecordPtr FindRecordLocked(const CThread& thread) {
   auto found = table.find(&thread);
   if (found == table.end()) return nullptr;
   CRecordPtr record = found->second;
-  if (thread.m_ThreadId != pthread_t{} && SameThread(record->m_Id, thread.m_ThreadId)) return record;
+  if (thread.m_ThreadId != pthread_t{} && SameThread(record->m_Id, thread.m_ThreadId))
+    return record;
   table.erase(found);
   if (!record->m_Claimed.exchange(true)) pthread_detach(record->m_Id);
   return nullptr;
@@ -160,6 +160,32 @@ bool WaitEnded(CThreadRecord& record, unsigned int timeoutMs) {
   }
   return record.m_Changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
                                    [&] { return record.m_Ended.load(); });
+}
+
+bool HasEnded(CThreadRecord& record) {
+  std::lock_guard<std::mutex> lock(record.m_Mutex);
+  return record.m_Ended;
+}
+
+// Cancels the claimed thread and joins it; false when it has not ended
+// within kKillUnwindLimit.
+bool CancelAndJoin(CThreadRecord& record) {
+  pthread_cancel(record.m_Id);
+  // The end of a cancelled thread is learnt from the join itself, not from
+  // the end flag it sets while it unwinds (see m_Ended): its locking may be
+  // invisible to ThreadSanitizer, a join never is. The join's deadline is
+  // on the wall clock: that is the clock pthread_timedjoin_np takes.
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += static_cast<time_t>(kKillUnwindLimit.count());
+  if (pthread_timedjoin_np(record.m_Id, nullptr, &deadline) == 0) return true;
+  // It never reached a cancellation point (or blocks with cancellation
+  // disabled). Joining would block for good; the thread is given up and left
+  // to end on its own, and the object forgets it.
+  pthread_detach(record.m_Id);
+  KORVEX_TRACE(1, "\nCThread::Kill: ## WARNING: thread 0x%08X did not end within %d s - detached",
+               static_cast<unsigned int>(record.m_Id), static_cast<int>(kKillUnwindLimit.count()));
+  return false;
 }
 
 // The host's part of a thread's start in the monitor: thread id and the
@@ -198,6 +224,35 @@ void RecordStartInMonitor(CThread& thread, pthread_t id) {
   pthread_mutex_unlock(monitor->m_pTableMutex);
 }
 
+// Creates the joinable thread that runs record's function once it is let
+// go, on a stack of at least stackKb KB (and never below kMinimumStack).
+bool CreateThread(const CRecordPtr& record, unsigned long stackKb, pthread_t& id) {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  std::size_t stackSize = 0;
+  pthread_attr_getstacksize(&attributes, &stackSize);
+  if (stackSize < kMinimumStack) stackSize = kMinimumStack;
+  if (stackKb > stackSize / 1024) stackSize = static_cast<std::size_t>(stackKb) * 1024;
+  pthread_attr_setstacksize(&attributes, stackSize);
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
+  auto* parameter = new CRecordPtr(record);
+  const int rc = pthread_create(&id, &attributes, Trampoline, parameter);
+  pthread_attr_destroy(&attributes);
+  if (rc != 0) delete parameter;
+  return rc == 0;
+}
+
+// affinity is a CPU mask. Best effort: a mask the machine cannot honour
+// leaves the thread on any CPU.
+void SetAffinity(pthread_t id, unsigned long affinity) {
+  cpu_set_t cpus;
+  CPU_ZERO(&cpus);
+  for (unsigned int cpu = 0; cpu < sizeof(affinity) * 8 && cpu < CPU_SETSIZE; ++cpu) {
+    if ((affinity >> cpu) & 1ul) CPU_SET(cpu, &cpus);
+  }
+  pthread_setaffinity_np(id, sizeof(cpus), &cpus);
+}
+
 // The host's own table mutex: the module only ever sees a pointer to it.
 pthread_mutex_t g_MonitorTableMutex = PTHREAD_MUTEX_INITIALIZER;
 
@@ -218,12 +273,7 @@ int CThread::Start(void* (*threadFunction)(void*), void* argument, unsigned long
 
   std::unique_lock<std::mutex> tableLock(TableMutex());
   if (CRecordPtr previous = FindRecordLocked(*this)) {
-    bool ended = false;
-    {
-      std::lock_guard<std::mutex> lock(previous->m_Mutex);
-      ended = previous->m_Ended;
-    }
-    if (!ended) return 0;  // its thread still runs: nothing is started twice
+    if (!HasEnded(*previous)) return 0;  // its thread still runs: nothing is started twice
     // Ended but never waited for: join it now (its function has returned,
     // so this does not block for long) before the object takes a new one.
     Table().erase(this);
@@ -231,34 +281,10 @@ int CThread::Start(void* (*threadFunction)(void*), void* argument, unsigned long
     ForgetThreadId(*this);
   }
 
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  std::size_t stackSize = 0;
-  pthread_attr_getstacksize(&attributes, &stackSize);
-  if (stackSize < kMinimumStack) stackSize = kMinimumStack;
-  if (stackKb > stackSize / 1024) stackSize = static_cast<std::size_t>(stackKb) * 1024;
-  pthread_attr_setstacksize(&attributes, stackSize);
-  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
-
-  auto* parameter = new CRecordPtr(record);
   pthread_t id{};
-  const int rc = pthread_create(&id, &attributes, Trampoline, parameter);
-  pthread_attr_destroy(&attributes);
-  if (rc != 0) {
-    delete parameter;
-    return 0;
-  }
+  if (!CreateThread(record, stackKb, id)) return 0;
   record->m_Id = id;
-
-  if (affinity != 0) {
-    cpu_set_t cpus;
-    CPU_ZERO(&cpus);
-    for (unsigned int cpu = 0; cpu < sizeof(affinity) * 8 && cpu < CPU_SETSIZE; ++cpu) {
-      if ((affinity >> cpu) & 1ul) CPU_SET(cpu, &cpus);
-    }
-    pthread_setaffinity_np(id, sizeof(cpus), &cpus);  // best effort: a bad mask leaves any CPU
-  }
-
+  if (affinity != 0) SetAffinity(id, affinity);
   m_ThreadId = id;
   RecordStartInMonitor(*this, id);
   Table()[this] = record;
@@ -278,7 +304,7 @@ int CThread::WaitForTermination(unsigned int timeoutMs) {
     std::lock_guard<std::mutex> lock(TableMutex());
     record = FindRecordLocked(*this);
   }
-  if (record == nullptr) return 1;  // no thread of this object runs
+  if (record == nullptr) return 1;                         // no thread of this object runs
   if (SameThread(record->m_Id, pthread_self())) return 0;  // a thread cannot outwait itself
 
   if (!WaitEnded(*record, timeoutMs)) return 0;
@@ -305,33 +331,11 @@ int CThread::Kill(unsigned int /*exitCode*/) {
   if (SameThread(record->m_Id, pthread_self())) return 0;
   if (record->m_Claimed.exchange(true)) return 0;  // another caller is joining it right now
 
-  bool ended = false;
-  {
-    std::lock_guard<std::mutex> lock(record->m_Mutex);
-    ended = record->m_Ended;
-  }
   int result = 0;
-  if (ended) {
+  if (HasEnded(*record)) {
     pthread_join(record->m_Id, nullptr);  // it returned by itself: nothing live to end
   } else {
-    pthread_cancel(record->m_Id);
-    // The end of a cancelled thread is learnt from the join itself, not from
-    // the end flag it sets while it unwinds (see m_Ended): its locking may be
-    // invisible to ThreadSanitizer, a join never is.
-    timespec deadline{};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += static_cast<time_t>(kKillUnwindLimit.count());
-    if (pthread_timedjoin_np(record->m_Id, nullptr, &deadline) == 0) {
-      result = 1;
-    } else {
-      // It never reached a cancellation point (or blocks with cancellation
-      // disabled). Joining would block for good; the thread is given up and
-      // left to end on its own, and the object forgets it.
-      pthread_detach(record->m_Id);
-      KORVEX_TRACE(1, "\nCThread::Kill: ## WARNING: thread 0x%08X did not end within %d s - detached",
-                   static_cast<unsigned int>(record->m_Id),
-                   static_cast<int>(kKillUnwindLimit.count()));
-    }
+    result = CancelAndJoin(*record) ? 1 : 0;
   }
   EraseRecord(*this, record);
   ForgetThreadId(*this);

@@ -1,7 +1,13 @@
 // The supervisor of a tool's process tree; see ProcessTree.h for what it
 // guarantees. The code below the fork runs in a child of a multithreaded
-// process: only system calls, on memory prepared before the fork.
+// process: only system calls, on memory prepared before the fork. Its
+// descriptors are plain numbers: it ends in _exit, where no destructor
+// runs, and it closes by hand the few it must give up early (a pipe's far
+// end, the output at its end); helpers that open and close within one call
+// (ParentOf, SignalDescendants) use CFd like the host side.
 #include "host/ProcessTree.h"
+
+#include "util/Fd.h"
 
 #include <cerrno>
 #include <climits>
@@ -18,6 +24,7 @@
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+#include <utility>
 
 extern char** environ;
 
@@ -37,19 +44,10 @@ std::int64_t NowMs() {
   return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-void WriteAll(int fd, const char* data, std::size_t length) {
-  while (length > 0) {
-    const ssize_t written = ::write(fd, data, length);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return;
-    data += written;
-    length -= static_cast<std::size_t>(written);
-  }
-}
-
+// The host may have gone; a report nobody reads is lost, nothing more.
 void Report(int fd, int kind, int value) {
   const CTreeReport report{kind, value};
-  WriteAll(fd, reinterpret_cast<const char*>(&report), sizeof(report));
+  korvex::WriteAll(fd, &report, sizeof(report));
 }
 
 // Closes every descriptor from 3 up except those in keep (at most 4).
@@ -84,7 +82,7 @@ struct CLogCopy {
 
   void Write(const char* data, std::size_t length) {
     if (m_Fd < 0) return;
-    WriteAll(m_Fd, data, length);
+    korvex::WriteAll(m_Fd, data, length);
     m_Size += length;
     if (m_Half == 0 || m_Size < m_Half || m_DirFd < 0) return;
     if (::renameat(m_DirFd, m_Name, m_DirFd, m_OldName) != 0) return;
@@ -100,13 +98,9 @@ struct CLogCopy {
 bool CopyOutput(int pipeFd, CLogCopy& log) {
   char buffer[4096];
   for (;;) {
-    const ssize_t got = ::read(pipeFd, buffer, sizeof(buffer));
-    if (got > 0) {
-      log.Write(buffer, static_cast<std::size_t>(got));
-      continue;
-    }
-    if (got < 0 && errno == EINTR) continue;
-    return got < 0;  // EAGAIN: more may come; 0: end of file
+    const ssize_t got = KORVEX_RETRY(::read(pipeFd, buffer, sizeof(buffer)));
+    if (got <= 0) return got < 0;  // EAGAIN: more may come; 0: end of file
+    log.Write(buffer, static_cast<std::size_t>(got));
   }
 }
 
@@ -121,11 +115,10 @@ pid_t ParentOf(int procFd, const char* pidText) {
   }
   const char leaf[] = "/stat";
   for (std::size_t i = 0; i < sizeof(leaf); ++i) path[length + i] = leaf[i];
-  const int fd = ::openat(procFd, path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return -1;
+  const korvex::CFd fd(::openat(procFd, path, O_RDONLY | O_CLOEXEC));
+  if (!fd) return -1;
   char stat[512];
-  const ssize_t got = ::read(fd, stat, sizeof(stat) - 1);
-  ::close(fd);
+  const ssize_t got = KORVEX_RETRY(::read(fd.Get(), stat, sizeof(stat) - 1));
   if (got <= 0) return -1;
   const char* close = nullptr;
   for (ssize_t i = 0; i < got; ++i) {
@@ -154,6 +147,42 @@ struct CDirent64 {
   char m_Name[1];
 };
 
+// The number a /proc entry names, or 0 for an entry that is no process.
+pid_t PidOf(const char* name) {
+  if (*name < '1' || *name > '9') return 0;
+  pid_t pid = 0;
+  for (const char* c = name; *c >= '0' && *c <= '9'; ++c) pid = pid * 10 + (*c - '0');
+  return pid;
+}
+
+// Adds to the tree the processes of one batch of /proc entries whose parent
+// it holds already; true when any was added.
+bool AddChildren(int procFd, const char* batch, long size, pid_t* tree, std::size_t& count) {
+  bool added = false;
+  for (long offset = 0; offset < size && count < kMaxTree;) {
+    const CDirent64* entry = reinterpret_cast<const CDirent64*>(batch + offset);
+    offset += entry->m_RecLen;
+    const pid_t pid = PidOf(entry->m_Name);
+    if (pid == 0 || Contains(tree, count, pid)) continue;
+    if (!Contains(tree, count, ParentOf(procFd, entry->m_Name))) continue;
+    tree[count++] = pid;
+    added = true;
+  }
+  return added;
+}
+
+// One walk of /proc; true when it found new members of the tree.
+bool WalkProc(int procFd, pid_t* tree, std::size_t& count) {
+  ::lseek(procFd, 0, SEEK_SET);
+  alignas(8) char buffer[8192];
+  bool added = false;
+  for (;;) {
+    const long got = ::syscall(SYS_getdents64, procFd, buffer, sizeof(buffer));
+    if (got <= 0) return added;
+    if (AddChildren(procFd, buffer, got, tree, count)) added = true;
+  }
+}
+
 // Without a namespace: every descendant of this process gets signo. The
 // tree is collected first (walking /proc again while a walk finds new
 // members: a process forked meanwhile has a parent found before), then
@@ -162,32 +191,13 @@ struct CDirent64 {
 // of the tree are this process's children (it is their subreaper), so the
 // tree stays connected.
 void SignalDescendants(int signo) {
-  const int procFd = ::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (procFd < 0) return;
+  const korvex::CFd procFd(::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!procFd) return;
   pid_t tree[kMaxTree];
   std::size_t count = 0;
   tree[count++] = ::getpid();
-  for (bool added = true; added && count < kMaxTree;) {
-    added = false;
-    ::lseek(procFd, 0, SEEK_SET);
-    alignas(8) char buffer[8192];
-    for (;;) {
-      const long got = ::syscall(SYS_getdents64, procFd, buffer, sizeof(buffer));
-      if (got <= 0) break;
-      for (long offset = 0; offset < got && count < kMaxTree;) {
-        const CDirent64* entry = reinterpret_cast<const CDirent64*>(buffer + offset);
-        offset += entry->m_RecLen;
-        const char* name = entry->m_Name;
-        if (*name < '1' || *name > '9') continue;
-        pid_t pid = 0;
-        for (const char* c = name; *c >= '0' && *c <= '9'; ++c) pid = pid * 10 + (*c - '0');
-        if (Contains(tree, count, pid) || !Contains(tree, count, ParentOf(procFd, name))) continue;
-        tree[count++] = pid;
-        added = true;
-      }
-    }
+  while (count < kMaxTree && WalkProc(procFd.Get(), tree, count)) {
   }
-  ::close(procFd);
   for (std::size_t i = 1; i < count; ++i) ::kill(tree[i], signo);
 }
 
@@ -214,13 +224,13 @@ void SignalTree(bool inNamespace, int signo) {
   if (launch.m_WorkingDir != nullptr && *launch.m_WorkingDir != '\0' &&
       ::chdir(launch.m_WorkingDir) != 0) {
     const int error = errno;
-    WriteAll(execFd, reinterpret_cast<const char*>(&error), sizeof(error));
+    korvex::WriteAll(execFd, &error, sizeof(error));
     ::_exit(127);
   }
   char* const arguments[] = {const_cast<char*>(launch.m_Path), nullptr};
   ::execve(launch.m_Path, arguments, environ);
   const int error = errno;
-  WriteAll(execFd, reinterpret_cast<const char*>(&error), sizeof(error));
+  korvex::WriteAll(execFd, &error, sizeof(error));
   ::_exit(127);
 }
 
@@ -252,12 +262,9 @@ struct CSupervision {
   void Reap() {
     for (;;) {
       int status = 0;
-      const pid_t pid = ::waitpid(-1, &status, WNOHANG);
+      const pid_t pid = KORVEX_RETRY(::waitpid(-1, &status, WNOHANG));
       if (pid == 0) return;
-      if (pid < 0) {
-        if (errno == EINTR) continue;
-        Exit();  // ECHILD: the whole tree is gone
-      }
+      if (pid < 0) Exit();  // ECHILD: the whole tree is gone
       if (pid == m_Tool) {
         Report(m_ReportFd, kTreeToolEnded, status);
         m_Tool = -1;
@@ -283,8 +290,10 @@ struct CSupervision {
   }
 };
 
-[[noreturn]] void RunSupervisor(const CTreeLaunch& launch, int reportFd, int lifelineFd,
-                                bool inNamespace) {
+// The supervisor's own setup: its name, the subreaper role where it has no
+// namespace, no descriptor but those it needs, /dev/null as its standard
+// streams.
+void PrepareSupervisor(const CTreeLaunch& launch, int reportFd, int lifelineFd, bool inNamespace) {
   ::prctl(PR_SET_NAME, "em-supervisor", 0, 0, 0);
   if (!inNamespace) ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
   int keep[4] = {reportFd, lifelineFd, launch.m_LogFd, launch.m_LogDirFd};
@@ -294,57 +303,46 @@ struct CSupervision {
   const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
   if (null < 0) ::_exit(126);
   for (int fd = 0; fd < 3; ++fd) ::dup2(null, fd);
+}
 
-  sigset_t handled;
-  sigemptyset(&handled);
-  sigaddset(&handled, SIGCHLD);
-  sigaddset(&handled, SIGTERM);
-  const int signalFd = ::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK);
+// Forks the tool and learns from the close-on-exec pipe whether its exec
+// worked. Returns the tool's pid with the read end of its output in
+// outputFd; a tool that could not be started is reported, and the
+// supervisor ends.
+pid_t StartTool(const CTreeLaunch& launch, int reportFd, int& outputFd) {
   int output[2];
   int exec[2];
-  if (signalFd < 0 || ::pipe2(output, O_CLOEXEC) != 0 || ::pipe2(exec, O_CLOEXEC) != 0) {
+  if (::pipe2(output, O_CLOEXEC) != 0 || ::pipe2(exec, O_CLOEXEC) != 0) {
     Report(reportFd, kTreeExecFailed, errno);
     ::_exit(127);
   }
   const pid_t tool = ::fork();
   if (tool == 0) RunTool(launch, output[1], exec[1]);
+  const int forkError = errno;
   ::close(output[1]);
   ::close(exec[1]);
   int execError = 0;
-  ssize_t got;
-  do {
-    got = ::read(exec[0], &execError, sizeof(execError));
-  } while (got < 0 && errno == EINTR);
+  const ssize_t got = KORVEX_RETRY(::read(exec[0], &execError, sizeof(execError)));
   if (tool < 0 || got == static_cast<ssize_t>(sizeof(execError))) {
-    Report(reportFd, kTreeExecFailed, tool < 0 ? errno : execError);
+    Report(reportFd, kTreeExecFailed, tool < 0 ? forkError : execError);
     ::_exit(127);  // the failed child is reaped with the namespace or by our reaper
   }
   ::close(exec[0]);
   ::fcntl(output[0], F_SETFL, O_NONBLOCK);  // only the read end: the tool writes blocking
   Report(reportFd, kTreeStarted, static_cast<int>(tool));
+  outputFd = output[0];
+  return tool;
+}
 
-  CSupervision run;
-  run.m_Namespace = inNamespace;
-  run.m_ReportFd = reportFd;
-  run.m_GraceMs = launch.m_GraceMs;
-  run.m_Tool = tool;
-  run.m_OutputFd = output[0];
-  run.m_Log.m_Fd = launch.m_LogFd;
-  run.m_Log.m_DirFd = launch.m_LogDirFd;
-  run.m_Log.m_Name = launch.m_LogName;
-  run.m_Log.m_OldName = launch.m_LogOldName;
-  run.m_Log.m_Half = launch.m_LogHalfBytes;
-  struct stat logStatus {};
-  if (launch.m_LogFd >= 0 && ::fstat(launch.m_LogFd, &logStatus) == 0) {
-    run.m_Log.m_Size = static_cast<std::size_t>(logStatus.st_size);
-  }
-
-  pollfd fds[3] = {{signalFd, POLLIN, 0}, {lifelineFd, POLLIN, 0}, {output[0], POLLIN, 0}};
+// Copies the tool's output, notices the host's end and SIGTERM, reaps and
+// ends the tree, until the whole tree is gone (Reap and Escalate exit).
+[[noreturn]] void Supervise(CSupervision& run, int signalFd, int lifelineFd) {
+  pollfd fds[3] = {{signalFd, POLLIN, 0}, {lifelineFd, POLLIN, 0}, {run.m_OutputFd, POLLIN, 0}};
   for (;;) {
     ::poll(fds, 3, run.PollTimeout());
-    if (fds[2].revents != 0 && !CopyOutput(output[0], run.m_Log)) {
+    if (fds[2].revents != 0 && !CopyOutput(run.m_OutputFd, run.m_Log)) {
       fds[2].fd = -1;
-      ::close(output[0]);
+      ::close(run.m_OutputFd);
       run.m_OutputFd = -1;
     }
     if (fds[1].revents != 0) {  // the host process has gone
@@ -356,55 +354,65 @@ struct CSupervision {
       if (info.ssi_signo == SIGTERM) run.StartEnding();
     }
     run.Reap();
-    if (run.m_Killed && !inNamespace) SignalTree(false, SIGKILL);
+    if (run.m_Killed && !run.m_Namespace) SignalTree(false, SIGKILL);
     run.Escalate();
   }
+}
+
+[[noreturn]] void RunSupervisor(const CTreeLaunch& launch, int reportFd, int lifelineFd,
+                                bool inNamespace) {
+  PrepareSupervisor(launch, reportFd, lifelineFd, inNamespace);
+  sigset_t handled;
+  sigemptyset(&handled);
+  sigaddset(&handled, SIGCHLD);
+  sigaddset(&handled, SIGTERM);
+  const int signalFd = ::signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (signalFd < 0) {
+    Report(reportFd, kTreeExecFailed, errno);
+    ::_exit(127);
+  }
+  CSupervision run;
+  run.m_Namespace = inNamespace;
+  run.m_ReportFd = reportFd;
+  run.m_GraceMs = launch.m_GraceMs;
+  run.m_Tool = StartTool(launch, reportFd, run.m_OutputFd);
+  run.m_Log.m_Fd = launch.m_LogFd;
+  run.m_Log.m_DirFd = launch.m_LogDirFd;
+  run.m_Log.m_Name = launch.m_LogName;
+  run.m_Log.m_OldName = launch.m_LogOldName;
+  run.m_Log.m_Half = launch.m_LogHalfBytes;
+  struct stat logStatus {};
+  if (launch.m_LogFd >= 0 && ::fstat(launch.m_LogFd, &logStatus) == 0) {
+    run.m_Log.m_Size = static_cast<std::size_t>(logStatus.st_size);
+  }
+  Supervise(run, signalFd, lifelineFd);
 }
 
 }  // namespace
 
 bool StartSupervisor(const CTreeLaunch& launch, CTreeChild& child, int* error) {
-  int report[2];
-  int lifeline[2];
-  if (::pipe2(report, O_CLOEXEC) != 0) {
-    if (error != nullptr) *error = errno;
+  const auto fail = [error](int code) {
+    if (error != nullptr) *error = code;
     return false;
-  }
-  if (::pipe2(lifeline, O_CLOEXEC) != 0) {
-    if (error != nullptr) *error = errno;
-    ::close(report[0]);
-    ::close(report[1]);
-    return false;
-  }
+  };
+  korvex::CPipeEnds report;
+  korvex::CPipeEnds lifeline;
+  if (!korvex::OpenPipe(report) || !korvex::OpenPipe(lifeline)) return fail(errno);
   const bool inNamespace = launch.m_TryNamespace && ::unshare(CLONE_NEWPID) == 0;
   const pid_t pid = ::fork();
-  if (pid == 0) RunSupervisor(launch, report[1], lifeline[0], inNamespace);
-  const int forkError = errno;
-  ::close(report[1]);
-  ::close(lifeline[0]);
-  if (pid < 0) {
-    if (error != nullptr) *error = forkError;
-    ::close(report[0]);
-    ::close(lifeline[1]);
-    return false;
-  }
+  // The supervisor never returns (it ends in _exit), so no destructor of
+  // this frame runs in it.
+  if (pid == 0) RunSupervisor(launch, report.m_Write.Get(), lifeline.m_Read.Get(), inNamespace);
+  if (pid < 0) return fail(errno);
   child.m_Pid = pid;
-  child.m_ReportFd = report[0];
-  child.m_LifelineFd = lifeline[1];
+  child.m_ReportFd = std::move(report.m_Read);
+  child.m_LifelineFd = std::move(lifeline.m_Write);
   child.m_Namespace = inNamespace;
   return true;
 }
 
 bool ReadTreeReport(int reportFd, CTreeReport& report) {
-  char* into = reinterpret_cast<char*>(&report);
-  std::size_t have = 0;
-  while (have < sizeof(report)) {
-    const ssize_t got = ::read(reportFd, into + have, sizeof(report) - have);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    have += static_cast<std::size_t>(got);
-  }
-  return true;
+  return korvex::ReadExactly(reportFd, &report, sizeof(report));
 }
 
 }  // namespace halvane

@@ -26,6 +26,8 @@
 // system calls on data prepared before the fork, no allocation, no locks.
 #pragma once
 
+#include "util/Fd.h"
+
 #include <cstddef>
 #include <sys/types.h>
 
@@ -57,9 +59,9 @@ struct CTreeReport {
 };
 
 struct CTreeChild {
-  pid_t m_Pid = -1;       // the supervisor, as the host sees it
-  int m_ReportFd = -1;    // read end of the report pipe (close-on-exec)
-  int m_LifelineFd = -1;  // write end of the lifeline; close it only once the supervisor is reaped
+  pid_t m_Pid = -1;          // the supervisor, as the host sees it
+  korvex::CFd m_ReportFd;    // read end of the report pipe (close-on-exec)
+  korvex::CFd m_LifelineFd;  // write end of the lifeline; keep it until the supervisor is reaped
   bool m_Namespace = false;
 };
 

@@ -103,18 +103,43 @@ bool CDataStruct::HasMember(const char* name) const {
   return target->HasMember(name);
 }
 
+namespace {
+
+// Where the setters write: the root, or in nested mode the first member's
+// object. Unlike HasMember, the setters have no fallback: nested mode writes
+// into the first member's object or nowhere (null).
+JsonValue* SetterTarget(JsonValue& root, unsigned int nested) {
+  if (nested == 0) return &root;
+  JsonValue* target = FirstMemberValue(root);
+  return target != nullptr && target->IsObject() ? target : nullptr;
+}
+
+// Gives target's member name the value, or adds the member; 0 when the
+// member holds another kind of value (isKind false), which stays as it is.
+int ReplaceOrAdd(JsonValue& target, const char* name, JsonValue& value,
+                 bool (JsonValue::*isKind)() const, JsonAllocator& allocator) {
+  JsonValue::MemberIterator member = target.FindMember(name);
+  if (member != target.MemberEnd()) {
+    if (!(member->value.*isKind)()) {
+      return 0;
+    }
+    member->value.Swap(value);
+    return 1;
+  }
+  JsonValue copiedName(name, allocator);
+  target.AddMember(copiedName, value, allocator);
+  return 1;
+}
+
+}  // namespace
+
 int CDataStruct::SetNumber(const char* name, unsigned int value, int isSigned) {
   if (name == nullptr || *name == '\0' || !m_Document.IsObject()) {
     return 0;
   }
-  JsonValue* target = &m_Document;
-  if (m_Nested != 0) {
-    // Unlike HasMember, the setters have no fallback: nested mode writes
-    // into the first member's object or nowhere.
-    target = FirstMemberValue(m_Document);
-    if (target == nullptr || !target->IsObject()) {
-      return 0;
-    }
+  JsonValue* target = SetterTarget(m_Document, m_Nested);
+  if (target == nullptr) {
+    return 0;
   }
   JsonValue number;
   if (isSigned != 0) {
@@ -122,17 +147,7 @@ int CDataStruct::SetNumber(const char* name, unsigned int value, int isSigned) {
   } else {
     number.SetUint(value);
   }
-  JsonValue::MemberIterator member = target->FindMember(name);
-  if (member != target->MemberEnd()) {
-    if (!member->value.IsNumber()) {
-      return 0;
-    }
-    member->value.Swap(number);
-    return 1;
-  }
-  JsonValue copiedName(name, Allocator());
-  target->AddMember(copiedName, number, Allocator());
-  return 1;
+  return ReplaceOrAdd(*target, name, number, &JsonValue::IsNumber, Allocator());
 }
 
 int CDataStruct::SetString(const char* name, const char* value) {
@@ -140,26 +155,13 @@ int CDataStruct::SetString(const char* name, const char* value) {
   if (name == nullptr || value == nullptr || *name == '\0' || !m_Document.IsObject()) {
     return 0;
   }
-  JsonValue* target = &m_Document;
-  if (m_Nested != 0) {
-    target = FirstMemberValue(m_Document);
-    if (target == nullptr || !target->IsObject()) {
-      return 0;
-    }
+  JsonValue* target = SetterTarget(m_Document, m_Nested);
+  if (target == nullptr) {
+    return 0;
   }
   // Copied before the old text is released, in case value points into it.
   JsonValue text(value, Allocator());
-  JsonValue::MemberIterator member = target->FindMember(name);
-  if (member != target->MemberEnd()) {
-    if (!member->value.IsString()) {
-      return 0;
-    }
-    member->value.Swap(text);
-    return 1;
-  }
-  JsonValue copiedName(name, Allocator());
-  target->AddMember(copiedName, text, Allocator());
-  return 1;
+  return ReplaceOrAdd(*target, name, text, &JsonValue::IsString, Allocator());
 }
 
 std::string CDataStruct::ToJson() const {

@@ -36,7 +36,8 @@ unsigned int Low32(const JsonValue& value, unsigned int fallback) {
 // same length - and every header key has two letters. These lookups were
 // most of what a request cost the module.
 template <class Value>
-auto FindKey(Value& object, const char* name, std::size_t length) -> decltype(object.MemberBegin()) {
+auto FindKey(Value& object, const char* name, std::size_t length)
+    -> decltype(object.MemberBegin()) {
   auto member = object.MemberBegin();
   const auto end = object.MemberEnd();
   for (; member != end; ++member) {
@@ -114,7 +115,7 @@ void SipJson::CopyFrom(const SipJson& source) {
   char* previousExtra = m_pszExtra;
   ClassInit();
   CRapidJsonUtil::CopyObject<JsonEncoding, JsonAllocator>(m_Document, source.m_Document,
-                                                           Allocator());
+                                                          Allocator());
   m_CmdIndex = source.m_CmdIndex;
   if (source.m_pszExtra != nullptr) {
     const std::size_t length = std::strlen(source.m_pszExtra);
@@ -167,9 +168,7 @@ unsigned int SipJson::OpCodeExt() const { return GetCmdValue(m_CmdIndex, "OE", 0
 
 unsigned int SipJson::CabinetNr() const { return GetCmdValue(m_CmdIndex, "CA", 0); }
 
-unsigned int SipJson::Status() const {
-  return GetCmdValue(m_CmdIndex, kKeyStatus, kStatusAbsent);
-}
+unsigned int SipJson::Status() const { return GetCmdValue(m_CmdIndex, kKeyStatus, kStatusAbsent); }
 
 JsonValue* SipJson::PadToCurrentCmd() {
   if (m_CmdIndex < 0 || m_CmdIndex >= kMaxPaddedCommands || !m_Document.IsObject()) {
@@ -247,55 +246,74 @@ unsigned char SipJson::GetCmdDataType(int index) const {
   return static_cast<unsigned char>(data != nullptr ? data->GetType() : rapidjson::kNullType);
 }
 
+namespace {
+
+// The bytes of "DA" in each of its encodings; see GetCmdDataStream.
+
+// An object: its "RAW" byte block, or nothing when it has none.
+void ObjectBytes(const JsonValue& data, std::vector<unsigned char>& out) {
+  out.clear();
+  const JsonValue* raw = RawArray(data);
+  if (!IsByteBlock(raw)) return;
+  for (JsonValue::ConstValueIterator it = raw->Begin(); it != raw->End(); ++it) {
+    out.push_back(static_cast<unsigned char>(Low32(*it, 0) & 0xFFu));
+  }
+}
+
+// An array of texts: each text and a 0, and a final 0; nothing when the
+// first element is not a text.
+void TextListBytes(const JsonValue& data, std::vector<unsigned char>& out) {
+  out.clear();
+  if (data.Empty() || !data[0].IsString()) return;
+  for (JsonValue::ConstValueIterator it = data.Begin(); it != data.End(); ++it) {
+    // Only the first element is tested; a later non-text counts as "".
+    if (it->IsString()) {
+      const std::string bytes = CStringMapper::StringToUTF8(it->GetString());
+      out.insert(out.end(), bytes.begin(), bytes.end());
+    }
+    out.push_back(0);
+  }
+  out.push_back(0);
+}
+
+// A whole number: its bytes, least significant first, in the narrowest of
+// 1, 2, 4 or 8 that holds it; false for a negative number or a fraction.
+bool NumberBytes(const JsonValue& data, std::vector<unsigned char>& out) {
+  if (!data.IsUint() && !data.IsUint64()) {
+    return false;
+  }
+  const uint64_t v = data.GetUint64();
+  std::size_t count = 1;
+  if (v > 0xFFFFFFFFull) {
+    count = 8;
+  } else if (v > 0xFFFFull) {
+    count = 4;
+  } else if (v > 0xFFull) {
+    count = 2;
+  }
+  out.clear();
+  for (std::size_t i = 0; i < count; ++i) {
+    out.push_back(static_cast<unsigned char>((v >> (8 * i)) & 0xFFu));
+  }
+  return true;
+}
+
+}  // namespace
+
 bool SipJson::GetCmdDataStream(int index, std::vector<unsigned char>& out) const {
   const JsonValue* data = FindCmdMember(index, kKeyData);
   if (data == nullptr) {
     return false;
   }
   switch (data->GetType()) {
-    case rapidjson::kObjectType: {
-      out.clear();
-      const JsonValue* raw = RawArray(*data);
-      if (IsByteBlock(raw)) {
-        for (JsonValue::ConstValueIterator it = raw->Begin(); it != raw->End(); ++it) {
-          out.push_back(static_cast<unsigned char>(Low32(*it, 0) & 0xFFu));
-        }
-      }
+    case rapidjson::kObjectType:
+      ObjectBytes(*data, out);
       return true;
-    }
     case rapidjson::kArrayType:
-      out.clear();
-      if (!data->Empty() && (*data)[0].IsString()) {
-        for (JsonValue::ConstValueIterator it = data->Begin(); it != data->End(); ++it) {
-          // Only the first element is tested; a later non-text counts as "".
-          if (it->IsString()) {
-            const std::string bytes = CStringMapper::StringToUTF8(it->GetString());
-            out.insert(out.end(), bytes.begin(), bytes.end());
-          }
-          out.push_back(0);
-        }
-        out.push_back(0);
-      }
+      TextListBytes(*data, out);
       return true;
-    case rapidjson::kNumberType: {
-      if (!data->IsUint() && !data->IsUint64()) {
-        return false;  // negative or with a fraction
-      }
-      const uint64_t v = data->GetUint64();
-      std::size_t count = 1;
-      if (v > 0xFFFFFFFFull) {
-        count = 8;
-      } else if (v > 0xFFFFull) {
-        count = 4;
-      } else if (v > 0xFFull) {
-        count = 2;
-      }
-      out.clear();
-      for (std::size_t i = 0; i < count; ++i) {
-        out.push_back(static_cast<unsigned char>((v >> (8 * i)) & 0xFFu));
-      }
-      return true;
-    }
+    case rapidjson::kNumberType:
+      return NumberBytes(*data, out);
     case rapidjson::kStringType: {
       const std::string bytes = CStringMapper::StringToUTF8(data->GetString());
       out.assign(bytes.begin(), bytes.end());

@@ -13,13 +13,6 @@
 
 namespace {
 
-// Override of the data directory for the unit tests; empty means the fixed
-// path. Only SetDataDirectoryForTests writes it.
-std::string& DataDirectoryOverride() {
-  static std::string path;
-  return path;
-}
-
 // Copies text into a fixed 100-byte field: the text, zeros up to the end,
 // and the last byte forced to 0 whatever the text's length.
 void FillTextField(char (&field)[100], const char* text) {
@@ -148,43 +141,44 @@ int EM_KORVEX::Stop() {
   return 1;
 }
 
-const char* EM_KORVEX::DataDirectory() {
-  const std::string& overridden = DataDirectoryOverride();
-  return overridden.empty() ? korvex::kDataDirectory : overridden.c_str();
+namespace {
+
+// Action 4 once the root is known: the archive goes, and the data directory
+// with everything in it. The result is the installer's: the removal judges
+// its own final rmdir in reverse, so a directory removed completely gives 0
+// and one left in place gives 1; nothing to remove gives 1.
+unsigned int RemoveArchiveAndData(const std::string& root, const char* dataDirectory) {
+  EM_KORVEX::CPathString archivePath;
+  archivePath.Format("%s%s", root.c_str(), korvex::kArchiveName);
+  KORVEX_TRACE(3, "\nEM_KORVEX (SetupAct): Korvex archive path: \"%s\"\n", archivePath.c_str());
+  unlink(archivePath.c_str());  // a missing archive is fine
+
+  KORVEX_TRACE(2, "\nEM_KORVEX (SetupAct): Remove complete Korvex archive data dir \"%s\"...",
+               dataDirectory);
+  struct stat status;
+  if (dataDirectory[0] == '\0' || korvex::FileStatus(dataDirectory, status) != 0 ||
+      !S_ISDIR(status.st_mode)) {
+    return 1;
+  }
+  return static_cast<unsigned int>(CDirectory::RemoveDir(dataDirectory, 1));
 }
 
-void EM_KORVEX::SetDataDirectoryForTests(const char* path) {
-  DataDirectoryOverride() = path != nullptr ? path : "";
-}
+}  // namespace
 
-unsigned int EM_KORVEX::SetupAction(unsigned int action) {
+unsigned int EM_KORVEX::SetupAction(unsigned int action, const char* dataDirectory) {
   KORVEX_TRACE(5, "\nEM_KORVEX           : -> SetupAction");
   unsigned int result = 0;
 
+  if (dataDirectory == nullptr) {
+    dataDirectory = "";  // none named: nothing is removed but the archive
+  }
   if (action == korvex::kSetupActionCleanup) {
     KORVEX_TRACE(1, "\nEM_KORVEX (SetupAct): ## Cleanup Korvex archives");
     std::string root;
     if (!GetKorvexPath(root)) {
       KORVEX_TRACE(1, "\nEM_KORVEX (SetupAct): ## ERROR! Korvex path could not be evaluated!");
     } else {
-      CPathString archivePath;
-      archivePath.Format("%s%s", root.c_str(), korvex::kArchiveName);
-      KORVEX_TRACE(3, "\nEM_KORVEX (SetupAct): Korvex archive path: \"%s\"\n", archivePath.c_str());
-      unlink(archivePath.c_str());  // a missing archive is fine
-
-      const char* dataDirectory = DataDirectory();
-      KORVEX_TRACE(2, "\nEM_KORVEX (SetupAct): Remove complete Korvex archive data dir \"%s\"...",
-                   dataDirectory);
-      struct stat status;
-      if (dataDirectory[0] != '\0' && korvex::FileStatus(dataDirectory, status) == 0 &&
-          S_ISDIR(status.st_mode)) {
-        // The removal judges its own final rmdir in reverse: a directory
-        // removed completely gives 0, one left in place gives 1. The
-        // installer has always received exactly this result.
-        result = static_cast<unsigned int>(CDirectory::RemoveDir(dataDirectory, 1));
-      } else {
-        result = 1;  // nothing to remove
-      }
+      result = RemoveArchiveAndData(root, dataDirectory);
     }
   }
 

@@ -6,9 +6,11 @@
 
 #include "frame/ExtensionModule.h"
 #include "message/SipJson.h"
+#include "module/Protocol.h"
 #include "tasks/TaskSerializer.h"
 #include "util/SVString.h"
 
+#include <ctime>
 #include <string>
 
 class EM_KORVEX : public CExtensionModule, public CTaskSerializer<SipJson> {
@@ -32,11 +34,15 @@ class EM_KORVEX : public CExtensionModule, public CTaskSerializer<SipJson> {
   void OnTaskExecution(SipJson& task, _TaskPriority priority) override;
 
   // Setup action of the product installer; 4 removes the archive and the
-  // tool's data directory. Needs no instance.
-  static unsigned int SetupAction(unsigned int action);
+  // tool's data directory (the fixed "/var/log/Korvex" unless the caller
+  // names another, as the unit tests do to run without root; null or empty:
+  // none). Needs no instance.
+  static unsigned int SetupAction(unsigned int action,
+                                  const char* dataDirectory = korvex::kDataDirectory);
 
   // The tool's installation root from the configuration store, always ending
-  // in "/"; 1 found, 0 not.
+  // in "/"; 1 found, 0 not. The lookup em-host makes too (module/ToolRoot.h),
+  // here with the module's trace lines.
   static int GetKorvexPath(std::string& root);
   // Deletes an archive left by an earlier run; 1 one was deleted, 0 none or
   // it could not be deleted.
@@ -46,20 +52,28 @@ class EM_KORVEX : public CExtensionModule, public CTaskSerializer<SipJson> {
   bool StartArchiveCreation(SipJson& request);
   bool TransferArchiveToBmc(SipJson& request);
 
-  // The tool's data directory removed by SetupAction(4): "/var/log/Korvex".
-  static const char* DataDirectory();
-  // Test hook, for the unit tests that link the module statically: points
-  // SetupAction at a scratch directory instead of "/var/log/Korvex" so the
-  // clean-up can be exercised without root. Null restores the fixed path.
-  // Hidden like everything else in the plug-in, so no host can reach it.
-  static void SetDataDirectoryForTests(const char* path);
-
   // Own fields, after the two bases, in this order.
   unsigned int m_Installed;      // 1: Start found the executable; read by ModuleRequest
   CPathString m_ToolRoot;        // installation root, ends in "/"
   CPathString m_ExecutablePath;  // m_ToolRoot + "Korvex"
   CPathString m_ArchivePath;     // m_ToolRoot + "Korvex_Data.zip"
   unsigned int m_ToolProcessId;  // running tool started by archive creation, 0: none
+
+ private:
+  // The steps of ModuleRequest: the opcode's handling (1 this module's,
+  // 0 not), queueing a long request, the installation answer, and the
+  // exception's status and trace.
+  int DispatchOpcode(SipJson& request, unsigned int opcode);
+  void QueueRequest(SipJson& request);
+  void AnswerIsInstalled(SipJson& request);
+  static void ReportException(SipJson& request);
+  // The steps of archive creation: the run unless another tool is in the
+  // way, and the tool's run itself; each returns the job's final status.
+  unsigned int CreateArchive(SipJson& request);
+  unsigned int RunTool(time_t startTime);
+  // The transfer's request to the HTI module, sent through the switch; the
+  // status it came back with.
+  unsigned int SendToHti(const std::string& bmcName, unsigned int timeout);
 };
 
 // The one module instance of the library, held as the host sees it.

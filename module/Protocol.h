@@ -39,13 +39,20 @@ enum Status : unsigned int {
   kStatusQueued = 22,
 };
 
-// What a status means, in the words of the README's status table.
+// What a status means. m_Text is the README's status table, word for word;
+// the phrases are how em-host says it to whoever ran a job, per job where
+// the job changes what the status means (null: m_Phrase holds for it too).
 struct StatusMeaning {
   unsigned int m_Status;
   const char* m_Text;
+  const char* m_Phrase;
+  const char* m_CreatePhrase;
+  const char* m_TransferPhrase;
 };
 extern const StatusMeaning kStatusMeanings[];
 extern const std::size_t kStatusMeaningCount;
+// The record of status, nullptr for a status the protocol does not have.
+const StatusMeaning* FindStatusMeaning(unsigned int status);
 // The meaning of status, nullptr for a status the protocol does not have.
 const char* MeaningOf(unsigned int status);
 
@@ -53,10 +60,10 @@ const char* MeaningOf(unsigned int status);
 constexpr unsigned int kSetupActionCleanup = 4;
 
 // Files, keys and processes.
-constexpr const char* kProductName = "Korvex";       // product root in the configuration store
-constexpr const char* kSetupKey = "Setup";           // key under the product root
-constexpr const char* kFileRootValue = "FileRoot";   // value: the tool's installation root
-constexpr const char* kExecutableName = "Korvex";    // the tool, in the installation root
+constexpr const char* kProductName = "Korvex";      // product root in the configuration store
+constexpr const char* kSetupKey = "Setup";          // key under the product root
+constexpr const char* kFileRootValue = "FileRoot";  // value: the tool's installation root
+constexpr const char* kExecutableName = "Korvex";   // the tool, in the installation root
 constexpr const char* kArchiveName = "Korvex_Data.zip";
 constexpr const char* kDataDirectory = "/var/log/Korvex";
 constexpr const char* kToolProcessName = "Korvex";

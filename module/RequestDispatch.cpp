@@ -32,61 +32,72 @@ int EM_KORVEX::ModuleRequest(SipJson& request) {
       return 0;
     }
     result = 1;  // accepted: an exception from here on still reports it taken
-
-    switch (opcode) {
-      case korvex::kOpcodeCreateArchive:
-        KORVEX_TRACE(3, "\n");
-        KORVEX_TRACE(2,
-                     "\nEM_KORVEX           : -> Initiate Korvex archive creation, may take "
-                     "several minutes (queue this request)");
-        // A refused insertion (queue full, module stopped) is acknowledged
-        // all the same and never answered; the switch has always lived with
-        // that, so the result is deliberately not looked at.
-        InsertTask(request, TASK_PRIORITY_0, nullptr);
-        request.SetStatus(korvex::kStatusQueued);
-        break;
-      case korvex::kOpcodeTransferArchive:
-        KORVEX_TRACE(3, "\n");
-        KORVEX_TRACE(2, "\nEM_KORVEX           : -> Initiate Korvex archive transfer to BMC");
-        InsertTask(request, TASK_PRIORITY_0, nullptr);
-        request.SetStatus(korvex::kStatusQueued);
-        break;
-      case korvex::kOpcodeIsInstalled: {
-        const bool installed = __atomic_load_n(&m_Installed, __ATOMIC_RELAXED) != 0;
-        KORVEX_TRACE(2, "\nEM_KORVEX           : -> Korvex is%s installed",
-                     installed ? "" : " NOT");
-        JsonValue& command = request.GetCmd();
-        if (command.IsObject()) {
-          request.SetCmdValue(command, "DA", installed ? 1u : 0u, 0);
-        }
-        request.SetStatus(korvex::kStatusDone);
-        break;
-      }
-      default:
-        result = 0;  // not this module's: status 1 stands
-        break;
-    }
+    result = DispatchOpcode(request, opcode);
 
     if (ownFamily && KorvexTraceOn()) {
       CExtensionModule::TraceSip(2, Label(GetName(), " (RETURN)").c_str(), request);
     }
     return result;
   } catch (...) {
-    // Nothing may reach the switch's thread. Even the status write and the
-    // trace can fail on a malformed message; then the message stays as it is.
-    try {
-      request.SetStatus(korvex::kStatusException);
-    } catch (...) {
-    }
-    try {
-      KORVEX_TRACE(1,
-                   "\nEM_KORVEX           : ## EXCEPTION! CABID %04d: OpCode 0x%04X-0x%04X ObjId "
-                   "0x%04X Status 0x%02X",
-                   request.CabinetNr(), request.OpCode(), request.OpCodeExt(), request.ObjectId(),
-                   request.Status());
-    } catch (...) {
-    }
+    ReportException(request);
     return result;
+  }
+}
+
+int EM_KORVEX::DispatchOpcode(SipJson& request, unsigned int opcode) {
+  switch (opcode) {
+    case korvex::kOpcodeCreateArchive:
+      KORVEX_TRACE(3, "\n");
+      KORVEX_TRACE(2,
+                   "\nEM_KORVEX           : -> Initiate Korvex archive creation, may take "
+                   "several minutes (queue this request)");
+      QueueRequest(request);
+      return 1;
+    case korvex::kOpcodeTransferArchive:
+      KORVEX_TRACE(3, "\n");
+      KORVEX_TRACE(2, "\nEM_KORVEX           : -> Initiate Korvex archive transfer to BMC");
+      QueueRequest(request);
+      return 1;
+    case korvex::kOpcodeIsInstalled:
+      AnswerIsInstalled(request);
+      return 1;
+    default:
+      return 0;  // not this module's: status 1 stands
+  }
+}
+
+void EM_KORVEX::QueueRequest(SipJson& request) {
+  // A refused insertion (queue full, module stopped) is acknowledged all the
+  // same and never answered; the switch has always lived with that, so the
+  // result is deliberately not looked at.
+  InsertTask(request, TASK_PRIORITY_0, nullptr);
+  request.SetStatus(korvex::kStatusQueued);
+}
+
+void EM_KORVEX::AnswerIsInstalled(SipJson& request) {
+  const bool installed = __atomic_load_n(&m_Installed, __ATOMIC_RELAXED) != 0;
+  KORVEX_TRACE(2, "\nEM_KORVEX           : -> Korvex is%s installed", installed ? "" : " NOT");
+  JsonValue& command = request.GetCmd();
+  if (command.IsObject()) {
+    request.SetCmdValue(command, "DA", installed ? 1u : 0u, 0);
+  }
+  request.SetStatus(korvex::kStatusDone);
+}
+
+void EM_KORVEX::ReportException(SipJson& request) {
+  // Nothing may reach the switch's thread. Even the status write and the
+  // trace can fail on a malformed message; then the message stays as it is.
+  try {
+    request.SetStatus(korvex::kStatusException);
+  } catch (...) {
+  }
+  try {
+    KORVEX_TRACE(1,
+                 "\nEM_KORVEX           : ## EXCEPTION! CABID %04d: OpCode 0x%04X-0x%04X ObjId "
+                 "0x%04X Status 0x%02X",
+                 request.CabinetNr(), request.OpCode(), request.OpCodeExt(), request.ObjectId(),
+                 request.Status());
+  } catch (...) {
   }
 }
 

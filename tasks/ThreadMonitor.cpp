@@ -179,74 +179,87 @@ void CThreadMonitor::SetThreadName(CThread& thread, const char* debugName, const
                PrintableText(debugName), PrintableText(qualifier));
 }
 
+namespace {
+
+// An entry of the exiting thread, found under the table mutex: locks it and
+// keeps the lock when the entry may be marked exited (it is not old, or the
+// host is done with it); otherwise unlocks it again, with the warnings.
+bool LockIfMarkable(_CTHREADMONITOR_ENTRY* entry, std::uint64_t self) {
+  LockEntry(entry);
+  const unsigned int current =
+      entry->m_StatusCounter > kLastStatusSlot ? kLastStatusSlot : entry->m_StatusCounter;
+  const unsigned int entryStatus = entry->m_EntryStatus[current];
+  const unsigned int threadStatus = entry->m_ThreadStatus[current];
+  if ((entryStatus & THREADMON_ENTRY_OLD) == 0) return true;
+  KORVEX_TRACE(1,
+               "CTHREADMONITOR::SetEntryStatusExited(): WARNING: an old entry (Handle = %p, "
+               "EntryStatus = 0x%08x, ThreadStatus = 0x%08x) for ThreadId = 0x%08X found\n",
+               static_cast<void*>(entry), entryStatus, threadStatus, ThreadIdText(self));
+  const unsigned int busy =
+      THREADMON_THREAD_EXITED | THREADMON_THREAD_HOST_BUSY_A | THREADMON_THREAD_HOST_BUSY_B;
+  if ((threadStatus & busy) == 0) return true;
+  UnlockEntry(entry);
+  KORVEX_TRACE(1,
+               "CTHREADMONITOR::SetEntryStatusExited(): WARNING: Don't touch an old entry "
+               "(Handle = %p, EntryStatus = 0x%08x, ThreadStatus = 0x%08x, ThreadId = 0x%08X)\n",
+               static_cast<void*>(entry), entryStatus, threadStatus, ThreadIdText(self));
+  return false;
+}
+
+// Table mutex held. The same thread id can appear more than once: ids are
+// reused, and an entry of an ended thread stays in the table. The first
+// entry that is not old wins; an old one only when the host is done with
+// it. The entry comes back locked; null: none.
+_CTHREADMONITOR_ENTRY* LockExitingEntry(CTHREADMONITOR* monitor, std::uint64_t self) {
+  int count = monitor->m_EntryCount;
+  if (count > CTHREADMONITOR::kMaxEntries) count = CTHREADMONITOR::kMaxEntries;
+  for (int i = 0; i < count; ++i) {
+    _CTHREADMONITOR_ENTRY* const entry = &monitor->m_Entries[i];
+    if (entry->m_ThreadId == self && LockIfMarkable(entry, self)) return entry;
+  }
+  return nullptr;
+}
+
+// Marks the locked entry exited, unlocks it and the table mutex, and traces.
+void MarkExitedAndUnlock(CTHREADMONITOR* monitor, _CTHREADMONITOR_ENTRY* chosen,
+                         std::uint64_t self) {
+  const unsigned int slot = AdvanceStatusCounter(chosen, kExitedOverflow);
+  const unsigned int threadStatus =
+      (chosen->m_ThreadStatus[slot - 1] | THREADMON_THREAD_EXITED) & ~THREADMON_THREAD_RUNNING;
+  const unsigned int entryStatus =
+      chosen->m_EntryStatus[slot - 1] | THREADMON_ENTRY_OLD | THREADMON_ENTRY_EXITED;
+  chosen->m_ThreadStatus[slot] = threadStatus;
+  chosen->m_EntryStatus[slot] = entryStatus;
+  UnlockEntry(chosen);
+  // ThreadCounter belongs to the table mutex; its value for the trace is
+  // taken under the same lock so the line shows this thread's count.
+  const int threadCounter = --ThreadCounter;
+  pthread_mutex_unlock(monitor->m_pTableMutex);
+  KORVEX_TRACE(1,
+               "CTHREADMONITOR::SetEntryStatusExited(): Status for entry, Handle = %p changed "
+               "(EntryStatus = 0x%08x, ThreadStatus = 0x%08x, ThreadId = 0x%08X, "
+               "ThreadCounter = %d)\n",
+               static_cast<void*>(chosen), entryStatus, threadStatus, ThreadIdText(self),
+               threadCounter);
+}
+
+}  // namespace
+
 void CThreadMonitor::SetEntryStatusExited(unsigned int threadResult) {
   const std::uint64_t self = static_cast<std::uint64_t>(pthread_self());
   CTHREADMONITOR* const monitor = pThreadMonitor;
 
   if (monitor != nullptr) {
     pthread_mutex_lock(monitor->m_pTableMutex);
-    int count = monitor->m_EntryCount;
-    if (count > CTHREADMONITOR::kMaxEntries) count = CTHREADMONITOR::kMaxEntries;
-
-    // The same thread id can appear more than once: ids are reused, and an
-    // entry of an ended thread stays in the table. The first entry that is
-    // not old wins; an old one only when the host is done with it.
-    _CTHREADMONITOR_ENTRY* chosen = nullptr;
-    for (int i = 0; i < count && chosen == nullptr; ++i) {
-      _CTHREADMONITOR_ENTRY* const entry = &monitor->m_Entries[i];
-      if (entry->m_ThreadId != self) continue;
-      LockEntry(entry);
-      const unsigned int current =
-          entry->m_StatusCounter > kLastStatusSlot ? kLastStatusSlot : entry->m_StatusCounter;
-      const unsigned int entryStatus = entry->m_EntryStatus[current];
-      const unsigned int threadStatus = entry->m_ThreadStatus[current];
-      if ((entryStatus & THREADMON_ENTRY_OLD) == 0) {
-        chosen = entry;
-        break;
-      }
-      KORVEX_TRACE(1,
-                   "CTHREADMONITOR::SetEntryStatusExited(): WARNING: an old entry (Handle = %p, "
-                   "EntryStatus = 0x%08x, ThreadStatus = 0x%08x) for ThreadId = 0x%08X found\n",
-                   static_cast<void*>(entry), entryStatus, threadStatus, ThreadIdText(self));
-      const unsigned int busy =
-          THREADMON_THREAD_EXITED | THREADMON_THREAD_HOST_BUSY_A | THREADMON_THREAD_HOST_BUSY_B;
-      if ((threadStatus & busy) == 0) {
-        chosen = entry;
-        break;
-      }
-      UnlockEntry(entry);
-      KORVEX_TRACE(
-          1,
-          "CTHREADMONITOR::SetEntryStatusExited(): WARNING: Don't touch an old entry "
-          "(Handle = %p, EntryStatus = 0x%08x, ThreadStatus = 0x%08x, ThreadId = 0x%08X)\n",
-          static_cast<void*>(entry), entryStatus, threadStatus, ThreadIdText(self));
-    }
-
-    if (chosen == nullptr) {
+    _CTHREADMONITOR_ENTRY* const chosen = LockExitingEntry(monitor, self);
+    if (chosen != nullptr) {
+      MarkExitedAndUnlock(monitor, chosen, self);
+    } else {
       pthread_mutex_unlock(monitor->m_pTableMutex);
       KORVEX_TRACE(1,
                    "CTHREADMONITOR::SetEntryStatusExited(): WARNING: no corresponding entry for "
                    "ThreadId = 0x%08X found\n",
                    ThreadIdText(self));
-    } else {
-      const unsigned int slot = AdvanceStatusCounter(chosen, kExitedOverflow);
-      const unsigned int threadStatus =
-          (chosen->m_ThreadStatus[slot - 1] | THREADMON_THREAD_EXITED) & ~THREADMON_THREAD_RUNNING;
-      const unsigned int entryStatus =
-          chosen->m_EntryStatus[slot - 1] | THREADMON_ENTRY_OLD | THREADMON_ENTRY_EXITED;
-      chosen->m_ThreadStatus[slot] = threadStatus;
-      chosen->m_EntryStatus[slot] = entryStatus;
-      UnlockEntry(chosen);
-      // ThreadCounter belongs to the table mutex; its value for the trace is
-      // taken under the same lock so the line shows this thread's count.
-      const int threadCounter = --ThreadCounter;
-      pthread_mutex_unlock(monitor->m_pTableMutex);
-      KORVEX_TRACE(1,
-                   "CTHREADMONITOR::SetEntryStatusExited(): Status for entry, Handle = %p changed "
-                   "(EntryStatus = 0x%08x, ThreadStatus = 0x%08x, ThreadId = 0x%08X, "
-                   "ThreadCounter = %d)\n",
-                   static_cast<void*>(chosen), entryStatus, threadStatus, ThreadIdText(self),
-                   threadCounter);
     }
   }
 

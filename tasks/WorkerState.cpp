@@ -55,17 +55,22 @@ void CWorkerState::LeaveIdle() {
 
 namespace {
 
-long long NowMs(clockid_t clock) {
+constexpr long long kNsPerMs = 1000000;
+constexpr long long kNsPerSecond = 1000000000;
+
+// In nanoseconds: whole milliseconds would let a wait end up to a
+// millisecond before its limit.
+long long NowNs(clockid_t clock) {
   timespec now{};
   clock_gettime(clock, &now);
-  return static_cast<long long>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+  return static_cast<long long>(now.tv_sec) * kNsPerSecond + now.tv_nsec;
 }
 
-timespec RealtimeIn(long long ms) {
-  const long long at = NowMs(CLOCK_REALTIME) + ms;
+timespec RealtimeIn(long long ns) {
+  const long long at = NowNs(CLOCK_REALTIME) + ns;
   timespec deadline{};
-  deadline.tv_sec = static_cast<time_t>(at / 1000);
-  deadline.tv_nsec = static_cast<long>(at % 1000) * 1000000L;
+  deadline.tv_sec = static_cast<time_t>(at / kNsPerSecond);
+  deadline.tv_nsec = static_cast<long>(at % kNsPerSecond);
   return deadline;
 }
 
@@ -75,14 +80,14 @@ bool CWorkerState::HoldAndWaitIdle(unsigned int timeoutMs) {
   // The time limit is kept on the monotonic clock; the waits themselves are
   // short slices on the condition's default (wall) clock, so a clock change
   // moves the end of one slice at most.
-  constexpr long long kSliceMs = 50;
-  const long long end = NowMs(CLOCK_MONOTONIC) + timeoutMs;
+  constexpr long long kSliceNs = 50 * kNsPerMs;
+  const long long end = NowNs(CLOCK_MONOTONIC) + static_cast<long long>(timeoutMs) * kNsPerMs;
   CLock lock(m_Mutex);
   m_Held = true;
   while (m_Busy) {
-    const long long left = end - NowMs(CLOCK_MONOTONIC);
+    const long long left = end - NowNs(CLOCK_MONOTONIC);
     if (left <= 0) return false;
-    const timespec slice = RealtimeIn(left < kSliceMs ? left : kSliceMs);
+    const timespec slice = RealtimeIn(left < kSliceNs ? left : kSliceNs);
     pthread_cond_timedwait(&m_Changed, &m_Mutex, &slice);
   }
   return true;

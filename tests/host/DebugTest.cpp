@@ -157,6 +157,26 @@ TEST_F(DebugTest, FileSinkAppendsToTheFile) {
   EXPECT_EQ("memory", halvane::TakeTrace());
 }
 
+// Each change of sink closes the file it leaves: a host that switches its
+// trace file again and again does not run out of descriptors.
+TEST_F(DebugTest, FileSinkIsClosedWhenTheSinkChanges) {
+  CTempDir dir;
+  ASSERT_TRUE(dir.Valid());
+  const std::size_t before = hosttest::OpenDescriptorCount();
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_TRUE(halvane::TraceToFile((dir / "a.log").c_str()));
+    ASSERT_TRUE(halvane::TraceToFile((dir / "b.log").c_str()));
+    Debug.Print(1, "\nline %d", i);
+    halvane::TraceToStderr();
+    ASSERT_TRUE(halvane::TraceToFile((dir / "a.log").c_str()));
+    halvane::TraceToMemory();
+  }
+  EXPECT_EQ(before, hosttest::OpenDescriptorCount());
+  EXPECT_EQ(std::string(), ReadFile(dir / "a.log"));
+  EXPECT_EQ("\nline 0\nline 1\nline 2\nline 3\nline 4\nline 5\nline 6\nline 7\nline 8\nline 9",
+            ReadFile(dir / "b.log"));
+}
+
 TEST_F(DebugTest, FileSinkThatCannotBeOpenedNamesThePath) {
   CTempDir dir;
   ASSERT_TRUE(dir.Valid());

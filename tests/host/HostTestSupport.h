@@ -98,4 +98,15 @@ inline bool ProcessRuns(int pid) {
 
 inline unsigned int LoadPid(unsigned int& pid) { return __atomic_load_n(&pid, __ATOMIC_ACQUIRE); }
 
+// How many descriptors this process has open now.
+inline std::size_t OpenDescriptorCount() {
+  std::size_t count = 0;
+  std::error_code error;
+  for (auto it = std::filesystem::directory_iterator("/proc/self/fd", error);
+       !error && it != std::filesystem::directory_iterator(); it.increment(error)) {
+    ++count;
+  }
+  return count;  // the iterator's own descriptor is closed again by now
+}
+
 }  // namespace hosttest

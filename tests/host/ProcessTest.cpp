@@ -3,6 +3,7 @@
 // exit codes, termination of a long run, stale ids, WaitForExit beside
 // ExecuteCmd.
 #include "frame/HostServices.h"
+#include "host/HostControl.h"
 #include "tests/host/HostTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -386,6 +387,28 @@ TEST_F(ProcessTest, ChildrenInheritNoHostDescriptors) {
   EXPECT_EQ(std::string::npos, fds.find("pidfd")) << fds;
   EXPECT_TRUE(CProcess::TerminateProcess(LoadPid(first.m_ProcessId), 1));
   ASSERT_EQ(std::future_status::ready, first.m_Result.wait_for(std::chrono::seconds(20)));
+}
+
+// Every descriptor a run opens on the host's side (the tool log and its
+// directory, the report and lifeline pipes, the pidfd) is closed again once
+// the run is over, whether the tool ran, failed to start or was refused.
+TEST_F(ProcessTest, HostKeepsNoDescriptorOfAFinishedRun) {
+  halvane::SetToolLog(m_Dir / "tool.log");
+  WriteScript(m_Dir / "ok", "echo out; exit 3");
+  hosttest::WriteFile(m_Dir / "garbage",
+                      "\x7f"
+                      "ELF-not-really",
+                      0755);
+  const std::size_t before = hosttest::OpenDescriptorCount();
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(3u, Run(m_Dir / "ok").m_ExitCode);
+    EXPECT_FALSE(Run(m_Dir / "garbage").m_Started);
+    EXPECT_FALSE(Run(m_Dir / "missing").m_Started);
+  }
+  // The watcher thread lets go of its run just after ExecuteCmd returns.
+  EXPECT_TRUE(WaitUntil([&] { return hosttest::OpenDescriptorCount() <= before; }))
+      << hosttest::OpenDescriptorCount() << " open, " << before << " before";
+  halvane::SetToolLog("");
 }
 
 }  // namespace

@@ -721,7 +721,7 @@ TEST_F(ModuleUnitTest, SetupAction4WithoutDataDirectoryReturns1AndDeletesTheArch
   ExpectTraceAtEveryLevel(
       [&] {
         WriteFile(Archive(), "archive");
-        EXPECT_EQ(1u, EM_SetupAction(4));
+        EXPECT_EQ(1u, CleanUp());
         EXPECT_FALSE(Exists(Archive()));
         return halvane::TakeTrace();
       },
@@ -736,7 +736,7 @@ TEST_F(ModuleUnitTest, SetupAction4WithoutDataDirectoryReturns1AndDeletesTheArch
 
 TEST_F(ModuleUnitTest, SetupAction4WithoutArchiveStillSucceeds) {
   SetToolRoot(Root());
-  EXPECT_EQ(1u, EM_SetupAction(4));
+  EXPECT_EQ(1u, CleanUp());
 }
 
 TEST_F(ModuleUnitTest, SetupAction4WithoutRootReturns0) {
@@ -766,7 +766,7 @@ TEST_F(ModuleUnitTest, SetupAction4RemovingTheDataDirectoryCompletelyReturns0) {
   WriteFile(Archive(), "archive");
 
   // The removal judges its final rmdir in reverse: complete removal gives 0.
-  EXPECT_EQ(0u, EM_SetupAction(4));
+  EXPECT_EQ(0u, CleanUp());
   EXPECT_FALSE(Exists(DataDir()));
   EXPECT_FALSE(Exists(Archive()));
 
@@ -792,7 +792,7 @@ TEST_F(ModuleUnitTest, SetupAction4LeavingTheDataDirectoryInPlaceReturns1) {
   WriteFile(DataDir() + "/.keep", "hidden");
   WriteFile(DataDir() + "/b", "collected data");
 
-  EXPECT_EQ(1u, EM_SetupAction(4));
+  EXPECT_EQ(1u, CleanUp());
   EXPECT_TRUE(Exists(DataDir() + "/.keep"));
   EXPECT_FALSE(Exists(DataDir() + "/b"));
   EXPECT_TRUE(
@@ -806,19 +806,36 @@ TEST_F(ModuleUnitTest, SetupAction4LeavingTheDataDirectoryInPlaceReturns1) {
 TEST_F(ModuleUnitTest, SetupAction4WithAFileWhereTheDataDirectoryBelongsReturns1) {
   SetToolRoot(Root());
   WriteFile(DataDir(), "not a directory");
-  EXPECT_EQ(1u, EM_SetupAction(4));
+  EXPECT_EQ(1u, CleanUp());
   EXPECT_EQ("not a directory", ReadFile(DataDir()));
   const std::string trace = halvane::TakeTrace();
   EXPECT_EQ(std::string::npos, trace.find("CDirectory"));
 }
 
-TEST_F(ModuleUnitTest, DataDirectoryIsTheFixedPathUnlessOverriddenForTests) {
-  EM_KORVEX::SetDataDirectoryForTests(nullptr);
-  EXPECT_STREQ("/var/log/Korvex", EM_KORVEX::DataDirectory());
-  EM_KORVEX::SetDataDirectoryForTests("/tmp/elsewhere");
-  EXPECT_STREQ("/tmp/elsewhere", EM_KORVEX::DataDirectory());
-  EM_KORVEX::SetDataDirectoryForTests("");
-  EXPECT_STREQ("/var/log/Korvex", EM_KORVEX::DataDirectory());
+// The export's fixed directory, /var/log/Korvex, is exercised by the root
+// suite (PluginRootTest), which alone may touch it. A caller that names no
+// directory gets nothing removed but the archive.
+TEST_F(ModuleUnitTest, ANullDataDirectoryRemovesNothingButTheArchive) {
+  SetToolRoot(Root());
+  ASSERT_EQ(0, mkdir(DataDir().c_str(), 0755));
+  WriteFile(Archive(), "archive");
+  EXPECT_EQ(1u, EM_KORVEX::SetupAction(4, nullptr));
+  EXPECT_FALSE(Exists(Archive()));
+  EXPECT_TRUE(Exists(DataDir()));
+  const std::string trace = halvane::TakeTrace();
+  EXPECT_NE(std::string::npos,
+            trace.find("\nEM_KORVEX (SetupAct): Remove complete Korvex archive data dir \"\"..."));
+  EXPECT_EQ(std::string::npos, trace.find("CDirectory"));
+}
+
+TEST_F(ModuleUnitTest, AnEmptyDataDirectoryRemovesNothingButTheArchive) {
+  SetToolRoot(Root());
+  ASSERT_EQ(0, mkdir(DataDir().c_str(), 0755));
+  WriteFile(Archive(), "archive");
+  EXPECT_EQ(1u, EM_KORVEX::SetupAction(4, ""));
+  EXPECT_FALSE(Exists(Archive()));
+  EXPECT_TRUE(Exists(DataDir()));
+  EXPECT_EQ(std::string::npos, halvane::TakeTrace().find("CDirectory"));
 }
 
 // ----- trace switch -------------------------------------------------------------------
@@ -834,7 +851,7 @@ TEST_F(ModuleUnitTest, WithTheTraceSwitchOffNoPrintCallIsMade) {
     Load(request, R"({"SIP":{"V":1,"CMD":[{"OC":13312,"CA":4294967295}]}})");
     EXPECT_EQ(1, module.ModuleRequest(request));
     EXPECT_EQ(1, module.Stop());
-    EXPECT_EQ(1u, EM_KORVEX::SetupAction(4));
+    EXPECT_EQ(1u, CleanUp());
   }
   EXPECT_EQ(before, halvane::PrintCallCount());
   halvane::SetTraceSwitch(true);

@@ -1,7 +1,7 @@
 // Fixture of the module's unit tests, which link the module's code directly
 // together with the stand-alone host services: trace captured in memory at
 // level 5, an empty configuration store, a scratch directory as the tool's
-// root and as the data directory of the clean-up, and helpers that build
+// root and as the data directory of the clean-up (CleanUp), and helpers that build
 // messages and the trace lines every scenario shares.
 #pragma once
 
@@ -60,13 +60,11 @@ class ModuleUnitTest : public ::testing::Test {
     halvane::ClearRegistry();
     ASSERT_FALSE(m_Dir.Path().empty());
     CExtensionModule::ServerCabinetNr = 0;
-    EM_KORVEX::SetDataDirectoryForTests(DataDir().c_str());
     if (ForeignKorvexRuns()) GTEST_SKIP() << "a process named Korvex that is not ours runs";
     halvane::TakeTrace();
   }
 
   void TearDown() override {
-    EM_KORVEX::SetDataDirectoryForTests(nullptr);
     halvane::ClearRegistry();
     halvane::SetTraceLevel(5);
     halvane::TakeTrace();
@@ -75,6 +73,8 @@ class ModuleUnitTest : public ::testing::Test {
   std::string Root() const { return m_Dir.Root(); }
   std::string Archive() const { return m_Dir.Root() + "Korvex_Data.zip"; }
   std::string DataDir() const { return m_Dir / "data"; }
+  // Setup action 4 on the scratch data directory instead of the fixed one.
+  unsigned int CleanUp() const { return EM_KORVEX::SetupAction(4, DataDir().c_str()); }
 
   // The paths Start would build for the scratch root, without starting.
   void SetPaths(EM_KORVEX& module) const {

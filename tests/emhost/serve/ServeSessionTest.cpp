@@ -55,7 +55,7 @@ std::string RunSession(const std::string& input, int& status) {
   CModuleInstance instance(library);
   std::string error;
   EXPECT_TRUE(instance.Create(&error)) << error;
-  CHostSwitch hostSwitch(5, CHtiMode{}, "/nonexistent-bmc");
+  CHostSwitch hostSwitch(5);  // no file transfer: these sessions never need one
   {
     CServeSession session(library, instance, hostSwitch, signals, in.Get(), out);
     status = session.Run();
