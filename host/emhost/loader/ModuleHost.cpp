@@ -39,10 +39,15 @@ bool CModuleLibrary::Load(const std::string& path, std::string* error) {
 std::vector<std::string> ModuleSearchPaths(const std::string& executableDir) {
   // Both locations come from the build: where the install rules put the
   // module and where the build tree keeps it, each seen from the bin
-  // directory, and the library's file name.
-  const std::string file = KORVEX_MODULE_FILE_NAME;
-  return {executableDir + "/" + KORVEX_INSTALLED_MODULE_DIR + "/" + file,
-          executableDir + "/" + KORVEX_BUILD_MODULE_DIR + "/" + file};
+  // directory (or absolute, when the install rules name an absolute
+  // directory), and the library's file name.
+  const auto in = [&executableDir](const std::string& dir) {
+    // An empty directory is em-host's own (module installed beside it).
+    if (dir.empty()) return executableDir + "/" + KORVEX_MODULE_FILE_NAME;
+    const std::string base = dir.front() == '/' ? dir : executableDir + "/" + dir;
+    return base + "/" + KORVEX_MODULE_FILE_NAME;
+  };
+  return {in(KORVEX_INSTALLED_MODULE_DIR), in(KORVEX_BUILD_MODULE_DIR)};
 }
 
 std::string ExecutableDir() {
