@@ -1,11 +1,13 @@
 #!/bin/bash
 # The main job (scripts/demo) installs only scripts/install-deps' main set:
-# that set must be enough. Every header the compiler read for em-host and
+# that set must be enough, and hold nothing the main job does not use.
+# Every header the compiler read for em-host and
 # the module, and every library they link, outside this source and build
 # tree, must belong to a package of the main set or to one those depend on
 # (recursively; Recommends are not installed). A test-only library used in
 # the main build, or a new dependency not added to the main set, fails
-# here, naming the file and its package.
+# here, naming the file and its package; so does a package of the main set
+# that provides none of those files nor a program the main job runs.
 #
 # usage: main-deps-test.sh INSTALL_DEPS SOURCE_DIR BUILD_DIR TARGET_FILE...
 set -u -o pipefail
@@ -36,6 +38,14 @@ outside() { grep -v -e "^$source_dir/" -e "^$build_dir/" -e "^[^/]"; }
 mapfile -t files < <({ sed -n 's/^    //p' <<<"$deps"; grep '^/' <<<"$inputs"; } | outside | sort -u)
 grep -q '^/usr/include/c++/' < <(printf '%s\n' "${files[@]}") || fail "no C++ library header among the inputs"
 
+# The programs the main job runs besides what it compiles from: the build
+# tools (scripts/demo) and zip (the demo tool), where Debian's packages put
+# them (a cmake of one's own earlier on the PATH is not what is asked).
+for tool in cmake ninja g++ zip; do
+  [ -x "/usr/bin/$tool" ] || fail "/usr/bin/$tool is not installed"
+  files+=("/usr/bin/$tool")
+done
+
 # One dpkg -S for all (it takes a while to start): "pkg[, pkg]: path" lines.
 declare -A owners_of
 while IFS= read -r line; do
@@ -43,16 +53,25 @@ while IFS= read -r line; do
 done < <(dpkg -S "${files[@]}" 2>/dev/null | grep -v '^diversion ')
 
 status=0
+used=""
 for file in "${files[@]}"; do
   owners=${owners_of[$file]:-}
   # A path through a link (merged /usr) is known to dpkg by its target.
   [ -n "$owners" ] || owners=$(dpkg -S "$(readlink -f "$file")" 2>/dev/null | sed -n '1s/: .*//p')
   [ -n "$owners" ] || { echo "FAIL: $file belongs to no package" >&2; status=1; continue; }
+  used+="$owners,"
   found=false
   for owner in $(tr ',' ' ' <<<"$owners"); do
     grep -qxF "${owner%%:*}" <<<"$closure" && found=true
   done
   $found || { echo "FAIL: $file is in $owners, not in the main set or its dependencies" >&2; status=1; }
+done
+# And nothing more: every package of the main set provides one of those
+# files itself (a test-only package there would be installed for nothing).
+used=$(tr ',' '\n' <<<"$used" | sed 's/^ *//; s/:.*//' | sort -u)
+for package in "${main[@]}"; do
+  grep -qxF "$package" <<<"$used" ||
+    { echo "FAIL: $package is in the main set, but the main build uses no file of it" >&2; status=1; }
 done
 [ $status -eq 0 ] && echo "main set (${main[*]}) provides all ${#files[@]} files of the main build"
 exit $status
