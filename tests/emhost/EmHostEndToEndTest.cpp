@@ -893,7 +893,7 @@ TEST_F(EmHostEndToEnd, InstalledTreeFindsItsModule) {
   ASSERT_EQ(install.m_Exit, 0) << install.m_Out << install.m_Err;
   const std::string prefix = destdir + "/opt/korvex";
   EXPECT_TRUE(Exists(prefix + "/bin/em-host"));
-  EXPECT_TRUE(Exists(prefix + "/lib/libEM_KORVEX.so"));
+  EXPECT_TRUE(Exists(prefix + "/" EMHOST_INSTALLED_MODULE_DIR "/libEM_KORVEX.so"));
   const CFinished run = RunProgram({prefix + "/bin/em-host", "info"});
   EXPECT_EQ(run.m_Exit, 0) << run.m_Err;
   EXPECT_EQ(run.m_Out,
@@ -902,7 +902,8 @@ TEST_F(EmHostEndToEnd, InstalledTreeFindsItsModule) {
             "description: Korvex extension module\n"
             "library:     " +
                 prefix +
-                "/lib/libEM_KORVEX.so\n"
+                "/" EMHOST_INSTALLED_MODULE_DIR
+                "/libEM_KORVEX.so\n"
                 "properties:  GetProperties 1, name \"EM_KORVEX\", kind 2, flags A 0x03, flags B "
                 "0x00\n"
                 "tool root:   not configured\n");

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <exception>
+#include <sys/stat.h>
 #include <unistd.h>
 
 bool CModuleLibrary::Load(const std::string& path, std::string* error) {
@@ -35,19 +36,39 @@ bool CModuleLibrary::Load(const std::string& path, std::string* error) {
   return SetupAction != nullptr;
 }
 
-std::string DefaultModulePath() {
+std::vector<std::string> ModuleSearchPaths(const std::string& executableDir) {
+  // Both locations come from the build: where the install rules put the
+  // module and where the build tree keeps it, each seen from the bin
+  // directory (or absolute, when the install rules name an absolute
+  // directory), and the library's file name.
+  const auto in = [&executableDir](const std::string& dir) {
+    // An empty directory is em-host's own (module installed beside it).
+    if (dir.empty()) return executableDir + "/" + KORVEX_MODULE_FILE_NAME;
+    const std::string base = dir.front() == '/' ? dir : executableDir + "/" + dir;
+    return base + "/" + KORVEX_MODULE_FILE_NAME;
+  };
+  return {in(KORVEX_INSTALLED_MODULE_DIR), in(KORVEX_BUILD_MODULE_DIR)};
+}
+
+std::string ExecutableDir() {
   char self[PATH_MAX];
   const ssize_t length = ::readlink("/proc/self/exe", self, sizeof(self) - 1);
-  std::string dir = ".";
-  if (length > 0) {
-    std::string exe(self, static_cast<std::size_t>(length));
-    const std::size_t slash = exe.rfind('/');
-    if (slash != std::string::npos) dir = slash == 0 ? "/" : exe.substr(0, slash);
+  if (length <= 0) return ".";
+  const std::string exe(self, static_cast<std::size_t>(length));
+  const std::size_t slash = exe.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : exe.substr(0, slash);
+}
+
+std::string DefaultModulePath(const std::string& executableDir) {
+  const std::vector<std::string> candidates = ModuleSearchPaths(executableDir);
+  for (const std::string& path : candidates) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+    char resolved[PATH_MAX];
+    return ::realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : path;
   }
-  const std::string path = dir + "/../lib/libEM_KORVEX.so";
-  // Shown in messages: the plain path reads better than ".../bin/../lib".
-  char resolved[PATH_MAX];
-  return ::realpath(path.c_str(), resolved) != nullptr ? std::string(resolved) : path;
+  return candidates.front();
 }
 
 CModuleInstance::~CModuleInstance() { StopAndDelete(); }

@@ -7,6 +7,7 @@
 #include "frame/ModuleEntry.h"
 
 #include <string>
+#include <vector>
 
 // The module library opened with dlopen and its four entry points.
 class CModuleLibrary {
@@ -34,10 +35,21 @@ class CModuleLibrary {
   std::string m_Path;
 };
 
-// The default module: ../lib/libEM_KORVEX.so beside the directory of the
-// running executable, so that the build tree and an installed tree work
-// alike.
-std::string DefaultModulePath();
+// Where em-host looks for the module when no --module is given, relative to
+// the directory of its own executable, in order: the private library
+// directory of an installed tree (the package's /usr/lib/em-korvex beside
+// /usr/bin), then the build tree's ../lib. Relative locations, so that an
+// installed tree works at any prefix and a build tree wherever it lies.
+std::vector<std::string> ModuleSearchPaths(const std::string& executableDir);
+
+// The directory of the running executable (/proc/self/exe); "." when it
+// cannot be read.
+std::string ExecutableDir();
+
+// The first of ModuleSearchPaths(executableDir) that is a file, resolved
+// (messages read better without "bin/.."); when none is, the installed
+// location, so that a broken installation names the file it lacks.
+std::string DefaultModulePath(const std::string& executableDir = ExecutableDir());
 
 // One module instance.
 class CModuleInstance {
