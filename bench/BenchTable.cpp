@@ -122,22 +122,31 @@ std::string WithWall(const CResults& r, double cpu, const char* name) {
   return Format(cpu, "ns") + " (wall " + Format(r.TimeNs(name), "ns") + ")";
 }
 
+// A row of one benchmark's thread CPU time (what it costs the calling
+// thread) against a reference time; the wall time, which a busy machine
+// stretches, follows in brackets. A targetNs of 0 sets no target (verdict "-").
+CRow CpuTimeRow(const CResults& r, const char* figure, const char* name,
+                const std::string& reference, double referenceNs, const char* target,
+                double targetNs) {
+  const double cpu = r.TimeNs(name, "cpu_time");
+  return {figure,
+          WithWall(r, cpu, name),
+          reference + Format(referenceNs, "ns"),
+          Ratio(cpu, referenceNs),
+          target,
+          targetNs > 0.0 ? Verdict(cpu, true, targetNs) : "-"};
+}
+
 // Figure 1: the cost of a request on the host's thread.
 void AddRequestRows(const CResults& r, std::vector<CRow>& rows) {
-  // 1. ModuleRequest, installation query, tracing off. The time is the
-  // calling thread's CPU time (what the request costs the host's thread);
-  // the wall time, which a busy machine stretches, follows in brackets.
-  const double queryOff = r.TimeNs("BM_Query_TraceOff", "cpu_time");
-  const double queryFresh = r.TimeNs("BM_Query_FreshMessage", "cpu_time");
+  // 1. ModuleRequest, installation query, tracing off.
   const double base = r.TimeNs("BM_BaseModuleRequest", "cpu_time");
-  rows.push_back({"1 ModuleRequest 0x3400, trace off, per request",
-                  WithWall(r, queryOff, "BM_Query_TraceOff"),
-                  "base-class ModuleRequest: " + Format(base, "ns"), Ratio(queryOff, base),
-                  "<= 1 µs", Verdict(queryOff, true, 1000.0)});
-  rows.push_back({"1 (same, a fresh request message each time)",
-                  WithWall(r, queryFresh, "BM_Query_FreshMessage"),
-                  "base-class ModuleRequest: " + Format(base, "ns"), Ratio(queryFresh, base),
-                  "<= 1 µs", Verdict(queryFresh, true, 1000.0)});
+  rows.push_back(CpuTimeRow(r, "1 ModuleRequest 0x3400, trace off, per request",
+                            "BM_Query_TraceOff", "base-class ModuleRequest: ", base, "<= 1 µs",
+                            1000.0));
+  rows.push_back(CpuTimeRow(r, "1 (same, a fresh request message each time)",
+                            "BM_Query_FreshMessage", "base-class ModuleRequest: ", base, "<= 1 µs",
+                            1000.0));
 }
 
 // Figure 2: the queue hand-over to the worker.
@@ -219,16 +228,10 @@ void AddServeRows(const CResults& r, std::vector<CRow>& rows) {
 void AddTraceRows(const CResults& r, std::vector<CRow>& rows) {
   // 5. Tracing (thread CPU time, as figure 1).
   const double queryOff = r.TimeNs("BM_Query_TraceOff", "cpu_time");
-  const double traceFile = r.TimeNs("BM_Query_TraceFile5", "cpu_time");
-  const double traceLevel1 = r.TimeNs("BM_Query_TraceOnLevel1", "cpu_time");
-  rows.push_back({"5 ModuleRequest 0x3400, tracing on to a file at level 5",
-                  WithWall(r, traceFile, "BM_Query_TraceFile5"),
-                  "trace off: " + Format(queryOff, "ns"), Ratio(traceFile, queryOff), "none set",
-                  "-"});
-  rows.push_back({"5 (trace switch on, host level 1: every line filtered)",
-                  WithWall(r, traceLevel1, "BM_Query_TraceOnLevel1"),
-                  "trace off: " + Format(queryOff, "ns"), Ratio(traceLevel1, queryOff), "none set",
-                  "-"});
+  rows.push_back(CpuTimeRow(r, "5 ModuleRequest 0x3400, tracing on to a file at level 5",
+                            "BM_Query_TraceFile5", "trace off: ", queryOff, "none set", 0.0));
+  rows.push_back(CpuTimeRow(r, "5 (trace switch on, host level 1: every line filtered)",
+                            "BM_Query_TraceOnLevel1", "trace off: ", queryOff, "none set", 0.0));
 }
 
 // Figure 6: memory per queued task and em-host's peak.

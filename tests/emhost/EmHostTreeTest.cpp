@@ -101,6 +101,13 @@ class EmHostTree : public ::testing::Test {
     args.insert(args.end(), more.begin(), more.end());
     return args;
   }
+  // create as nobody, with the BMC directory and the tool's log in the
+  // world-writable work directory that user can write.
+  std::vector<std::string> UnprivilegedCreateArgs() const {
+    return {"/usr/bin/setpriv",   "--reuid=65534", "--regid=65534", "--clear-groups", kEmHost,
+            "--tool-root",        m_Root,          "--bmc-dir",     m_Work + "/bmc",  "--tool-log",
+            m_Work + "/tool.log", "create"};
+  }
   bool TreeUp(CChildProcess* pump) {
     return WaitFor([&] { return Exists(m_Ready) && CountWith("sleep " + m_Marker) >= 4; }, 20000,
                    pump);
@@ -199,9 +206,7 @@ TEST_F(EmHostTree, WithoutPrivilegeTheSubreaperEndsTheWholeTree) {
   // em-host as an unprivileged user cannot make a PID namespace: the
   // supervisor finds the tree as its subreaper instead.
   Collector();
-  CChildProcess host({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-                      kEmHost, "--tool-root", m_Root, "--bmc-dir", m_Work + "/bmc", "--tool-log",
-                      m_Work + "/tool.log", "create"});
+  CChildProcess host(UnprivilegedCreateArgs());
   ASSERT_TRUE(TreeUp(&host));
   ASSERT_EQ(0, ::kill(host.Pid(), SIGTERM));
   const CFinished done = host.Finish(60);
@@ -213,9 +218,7 @@ TEST_F(EmHostTree, WithoutPrivilegeTheSubreaperEndsTheWholeTree) {
 
 TEST_F(EmHostTree, WithoutPrivilegeSigkillOfEmHostLeavesNoProcess) {
   Collector();
-  CChildProcess host({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-                      kEmHost, "--tool-root", m_Root, "--bmc-dir", m_Work + "/bmc", "--tool-log",
-                      m_Work + "/tool.log", "create"});
+  CChildProcess host(UnprivilegedCreateArgs());
   ASSERT_TRUE(TreeUp(&host));
   ASSERT_EQ(0, ::kill(host.Pid(), SIGKILL));
   host.Finish(60);

@@ -4,6 +4,7 @@
 #include "frame/ExtensionModule.h"
 #include "host/HostControl.h"
 #include "message/SipJson.h"
+#include "tests/frame/MemoryTraceTest.h"
 #include "tests/support/RecordingSwitch.h"
 
 #include <gtest/gtest.h>
@@ -245,20 +246,7 @@ TEST(ExtensionModuleSlots, BaseDefaultsSitInTheSameSlots) {
 
 // ----- defaults ---------------------------------------------------------------
 
-class ExtensionModuleTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    halvane::TraceToMemory();
-    halvane::SetTraceSwitch(true);
-    halvane::SetTraceLevel(5);
-    halvane::TakeTrace();
-  }
-  void TearDown() override {
-    halvane::SetTraceSwitch(true);
-    halvane::SetTraceLevel(5);
-    halvane::TakeTrace();
-  }
-};
+class ExtensionModuleTest : public korvex_test::MemoryTraceTest {};
 
 const std::string kBaseColumn = "\nEM_XXX              : ";
 

@@ -4,6 +4,7 @@
 #include "frame/ExtensionModule.h"
 #include "host/HostControl.h"
 #include "message/SipJson.h"
+#include "tests/frame/MemoryTraceTest.h"
 
 #include <gtest/gtest.h>
 
@@ -12,20 +13,8 @@
 
 namespace {
 
-class TraceSipTest : public ::testing::Test {
+class TraceSipTest : public korvex_test::MemoryTraceTest {
  protected:
-  void SetUp() override {
-    halvane::TraceToMemory();
-    halvane::SetTraceSwitch(true);
-    halvane::SetTraceLevel(5);
-    halvane::TakeTrace();
-  }
-  void TearDown() override {
-    halvane::SetTraceSwitch(true);
-    halvane::SetTraceLevel(5);
-    halvane::TakeTrace();
-  }
-
   // The trace of one TraceSip call on the message given as JSON text.
   static std::string Trace(const char* label, const std::string& json, int cmdIndex = 0,
                            int level = 3) {

@@ -16,6 +16,7 @@
 #include "host/emhost/serve/ServeSession.h"
 #include "host/emhost/serve/Signals.h"
 #include "host/emhost/switch/HostSwitch.h"
+#include "tests/support/BaseModule.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -28,23 +29,6 @@
 #include <unistd.h>
 
 namespace {
-
-class CBaseModule : public CExtensionModule {};
-
-CIExtensionModule* g_Module = nullptr;
-
-int BaseCreate(void** module) {
-  g_Module = new CBaseModule;
-  *module = g_Module;
-  return 1;
-}
-int BaseDelete(void*) {
-  delete g_Module;
-  g_Module = nullptr;
-  return 1;
-}
-const char* BaseName() { return "EM_XXX"; }
-unsigned int BaseSetup(unsigned int) { return 0; }
 
 CSignalWatch* g_Signals = nullptr;
 std::FILE* g_Output = nullptr;
@@ -74,11 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   ::lseek(input, 0, SEEK_SET);
 
-  CModuleLibrary library;
-  library.Create = &BaseCreate;
-  library.Delete = &BaseDelete;
-  library.GetModuleName = &BaseName;
-  library.SetupAction = &BaseSetup;
+  CModuleLibrary& library = korvex_test::BaseModuleLibrary();
   CModuleInstance instance(library);
   std::string error;
   if (!instance.Create(&error)) std::abort();

@@ -38,6 +38,13 @@ unsigned int UInt(const std::string& data) {
 const Bytes kUntouched{0xAA, 0xBB};
 const std::string kUntouchedText = "untouched";
 
+// The stream of the first command is refused and the output left as it was.
+void ExpectStreamRefused(const SipJson& message) {
+  Bytes out = kUntouched;
+  EXPECT_FALSE(message.GetCmdDataStream(0, out));
+  EXPECT_EQ(kUntouched, out);
+}
+
 }  // namespace
 
 TEST(CommandStream, NumbersInTheFewestBytesLittleEndian) {
@@ -56,18 +63,14 @@ TEST(CommandStream, NumbersInTheFewestBytesLittleEndian) {
 TEST(CommandStream, NegativeNumberIsRefusedButReadsAsUnsigned) {
   SipJson message;
   LoadData(message, "-1");
-  Bytes out = kUntouched;
-  EXPECT_FALSE(message.GetCmdDataStream(0, out));
-  EXPECT_EQ(kUntouched, out);
+  ExpectStreamRefused(message);
   EXPECT_EQ(0xFFFFFFFFu, message.UIntValue());
 }
 
 TEST(CommandStream, FractionIsRefused) {
   SipJson message;
   LoadData(message, "2.5");
-  Bytes out = kUntouched;
-  EXPECT_FALSE(message.GetCmdDataStream(0, out));
-  EXPECT_EQ(kUntouched, out);
+  ExpectStreamRefused(message);
 }
 
 TEST(CommandStream, StringGivesItsBytesAndATerminator) {
@@ -117,9 +120,7 @@ TEST(CommandStream, NullAndBooleansAreRefused) {
     SCOPED_TRACE(data);
     SipJson message;
     LoadData(message, data);
-    Bytes out = kUntouched;
-    EXPECT_FALSE(message.GetCmdDataStream(0, out));
-    EXPECT_EQ(kUntouched, out);
+    ExpectStreamRefused(message);
   }
 }
 
@@ -244,9 +245,7 @@ TEST(CommandData, CommandWithoutDataReadsAsNothing) {
   EXPECT_FALSE(message.GetDataString(text));
   EXPECT_EQ(kUntouchedText, text);
   EXPECT_EQ(0u, message.UIntValue());
-  Bytes out = kUntouched;
-  EXPECT_FALSE(message.GetCmdDataStream(0, out));
-  EXPECT_EQ(kUntouched, out);
+  ExpectStreamRefused(message);
 }
 
 TEST(CommandData, DataTypeCodes) {
@@ -283,9 +282,7 @@ TEST(CommandData, MalformedEnvelopesGiveEveryReaderItsFallback) {
     std::string textOut = kUntouchedText;
     EXPECT_FALSE(message.GetDataString(textOut));
     EXPECT_EQ(kUntouchedText, textOut);
-    Bytes out = kUntouched;
-    EXPECT_FALSE(message.GetCmdDataStream(0, out));
-    EXPECT_EQ(kUntouched, out);
+    ExpectStreamRefused(message);
   }
 }
 

@@ -1,9 +1,8 @@
 // Tests of the message envelope: reset layout, header readers and their
 // fallbacks, the status writer with its padding of "CMD", number marks, the
 // message copy rule and tolerance of malformed envelopes.
-#include "message/SipJson.h"
-
 #include "message/RapidJsonUtil.h"
+#include "message/SipJson.h"
 #include "tests/message/MessageTestUtil.h"
 
 #include <gtest/gtest.h>
@@ -29,6 +28,15 @@ void ExpectAllFallbacks(const SipJson& message) {
   EXPECT_EQ(0u, message.OpCodeExt());
   EXPECT_EQ(0u, message.CabinetNr());
   EXPECT_EQ(22u, message.Status());
+}
+
+// A small non-negative integer carries every integer mark RapidJSON has,
+// so that a reader asking for any integer type gets it.
+void ExpectAllIntegerMarks(const JsonValue& value) {
+  EXPECT_TRUE(value.IsInt());
+  EXPECT_TRUE(value.IsUint());
+  EXPECT_TRUE(value.IsInt64());
+  EXPECT_TRUE(value.IsUint64());
 }
 
 }  // namespace
@@ -58,10 +66,7 @@ TEST(SipJsonHeader, ClassInitStoresNamesAsReferencesToTheLiterals) {
 TEST(SipJsonHeader, VersionCarriesAllFourIntegerMarks) {
   SipJson message;
   const JsonValue& version = message.Document()["SIP"]["V"];
-  EXPECT_TRUE(version.IsInt());
-  EXPECT_TRUE(version.IsUint());
-  EXPECT_TRUE(version.IsInt64());
-  EXPECT_TRUE(version.IsUint64());
+  ExpectAllIntegerMarks(version);
   EXPECT_EQ(1u, version.GetUint());
 }
 
@@ -175,10 +180,7 @@ TEST(SipJsonHeader, LowStatusCarriesSignedMarksToo) {
   SipJson message;
   message.SetStatus(0x7FFFFFFFu);
   const JsonValue& st = Commands(message)[0]["ST"];
-  EXPECT_TRUE(st.IsUint());
-  EXPECT_TRUE(st.IsUint64());
-  EXPECT_TRUE(st.IsInt());
-  EXPECT_TRUE(st.IsInt64());
+  ExpectAllIntegerMarks(st);
   EXPECT_EQ(0x7FFFFFFFu, message.Status());
 }
 

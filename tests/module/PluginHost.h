@@ -21,8 +21,8 @@
 
 namespace korvex_test {
 
-// The plug-in's entry points, from the library loaded once per process
-// through em-host's loader and kept, as the host keeps its modules.
+// The plug-in library, loaded once per process through em-host's loader and
+// kept, as the host keeps its modules; its entry points are the loader's.
 class CPlugin {
  public:
   static CPlugin& Instance() {
@@ -32,20 +32,11 @@ class CPlugin {
 
   bool Loaded() const { return m_Library != nullptr; }
   const std::string& Error() const { return m_Error; }
-
-  EM_CreateFn m_Create = nullptr;
-  EM_DeleteFn m_Delete = nullptr;
-  EM_GetModuleNameFn m_Name = nullptr;
-  EM_SetupActionFn m_Setup = nullptr;
+  // Only after Loaded() is true.
+  const CModuleLibrary& Library() const { return *m_Library; }
 
  private:
-  CPlugin() : m_Library(SharedModuleLibrary(KORVEX_PLUGIN_PATH, &m_Error)) {
-    if (m_Library == nullptr) return;
-    m_Create = m_Library->Create;
-    m_Delete = m_Library->Delete;
-    m_Name = m_Library->GetModuleName;
-    m_Setup = m_Library->SetupAction;
-  }
+  CPlugin() : m_Library(SharedModuleLibrary(KORVEX_PLUGIN_PATH, &m_Error)) {}
 
   std::string m_Error;
   const CModuleLibrary* m_Library;
@@ -53,6 +44,11 @@ class CPlugin {
 
 class PluginTest : public ::testing::Test {
  protected:
+  // A generous upper bound for waits on the worker thread: it ends as soon
+  // as the reply comes and only matters for a broken module, which then
+  // fails instead of hanging.
+  static constexpr unsigned int kReplyWaitMs = 60000;
+
   void SetUp() override {
     halvane::TraceToMemory();
     halvane::SetTraceSwitch(true);
@@ -62,7 +58,7 @@ class PluginTest : public ::testing::Test {
     if (ForeignKorvexRuns()) GTEST_SKIP() << "a process named Korvex that is not ours runs";
     SetToolRoot(m_Dir.Path());
     void* module = nullptr;
-    ASSERT_EQ(1, Plugin().m_Create(&module));
+    ASSERT_EQ(1, Plugin().Library().Create(&module));
     m_Module = static_cast<CIExtensionModule*>(module);
     // Cabinet 0 is the library's start value; every test states its own.
     m_Module->SetServerCabinetNumber(0);
@@ -72,8 +68,8 @@ class PluginTest : public ::testing::Test {
   void TearDown() override {
     if (m_Module != nullptr) {
       if (!m_Stopped) m_Module->Stop();
-      EXPECT_EQ(1, Plugin().m_Delete(nullptr));
-      EXPECT_EQ(0, Plugin().m_Delete(nullptr));
+      EXPECT_EQ(1, Plugin().Library().Delete(nullptr));
+      EXPECT_EQ(0, Plugin().Library().Delete(nullptr));
     }
     halvane::ClearRegistry();
     halvane::TakeTrace();
@@ -102,6 +98,18 @@ class PluginTest : public ::testing::Test {
     const int result = m_Module->ModuleRequest(request);
     if (json != nullptr) *json = request.ToJson();
     return result;
+  }
+
+  // Starts the module on the recording switch, hands it one request it
+  // queues, waits for the one reply and stops the module; the reply as the
+  // switch got it in *reply.
+  void RunForOneReply(const std::string& request, std::string* reply) {
+    ASSERT_EQ(1, Start(&m_Switch));
+    EXPECT_EQ(1, Request(request));
+    ASSERT_TRUE(m_Switch.WaitForReplies(1, kReplyWaitMs));
+    EXPECT_EQ(1, Stop());
+    ASSERT_EQ(1u, m_Switch.Replies().size());
+    *reply = m_Switch.Replies()[0].m_Json;
   }
 
   CTempDir m_Dir;

@@ -67,7 +67,7 @@ TEST_F(RootCleanupTest, RemovingTheRealDataDirectoryCompletelyReturns0) {
   // The removal stops at the subdirectory it removed completely ("run1" is
   // visited first) and judges that in reverse: the result is 0 and the
   // directory itself stays with the file not yet visited.
-  EXPECT_EQ(0u, CPlugin::Instance().m_Setup(4));
+  EXPECT_EQ(0u, CPlugin::Instance().Library().SetupAction(4));
   EXPECT_FALSE(Exists(m_Dir.Root() + "Korvex_Data.zip"));
   EXPECT_FALSE(Exists(std::string(kDataDir) + "/run1"));
   EXPECT_TRUE(Exists(std::string(kDataDir) + "/summary.txt"));
@@ -81,7 +81,7 @@ TEST_F(RootCleanupTest, RemovingTheRealDataDirectoryCompletelyReturns0) {
 
   // Second run: only the file is left, the directory goes and the result is
   // 0 again (complete removal).
-  EXPECT_EQ(0u, CPlugin::Instance().m_Setup(4));
+  EXPECT_EQ(0u, CPlugin::Instance().Library().SetupAction(4));
   EXPECT_FALSE(Exists(kDataDir));
   EXPECT_TRUE(ContainsInOrder(
       halvane::TakeTrace(),
@@ -90,14 +90,14 @@ TEST_F(RootCleanupTest, RemovingTheRealDataDirectoryCompletelyReturns0) {
        "\nCDirectory          : ERROR cannot remove parent directory \"/var/log/Korvex/\": "}));
 
   // Nothing left to remove: 1.
-  EXPECT_EQ(1u, CPlugin::Instance().m_Setup(4));
+  EXPECT_EQ(1u, CPlugin::Instance().Library().SetupAction(4));
 }
 
 TEST_F(RootCleanupTest, DataDirectoryLeftInPlaceReturns1) {
   ASSERT_EQ(0, mkdir(kDataDir, 0755));
   WriteFile(std::string(kDataDir) + "/.lock", "hidden files are never removed");
   WriteFile(std::string(kDataDir) + "/data.bin", "data");
-  EXPECT_EQ(1u, CPlugin::Instance().m_Setup(4));
+  EXPECT_EQ(1u, CPlugin::Instance().Library().SetupAction(4));
   EXPECT_TRUE(Exists(std::string(kDataDir) + "/.lock"));
   EXPECT_FALSE(Exists(std::string(kDataDir) + "/data.bin"));
   EXPECT_TRUE(ContainsInOrder(
@@ -107,5 +107,5 @@ TEST_F(RootCleanupTest, DataDirectoryLeftInPlaceReturns1) {
 
 TEST_F(RootCleanupTest, NoDataDirectoryReturns1) {
   ASSERT_FALSE(Exists(kDataDir));
-  EXPECT_EQ(1u, CPlugin::Instance().m_Setup(4));
+  EXPECT_EQ(1u, CPlugin::Instance().Library().SetupAction(4));
 }

@@ -15,10 +15,9 @@ using namespace korvex_test;
 
 namespace {
 
-// Generous upper bounds for waits on the worker thread and fake tools: they
-// end as soon as the awaited thing happens and only matter for a broken
-// module, which then fails instead of hanging.
-constexpr unsigned int kReplyWaitMs = 60000;
+// A generous upper bound for waits on fake tools: they end as soon as the
+// awaited thing happens and only matter for a broken module, which then
+// fails instead of hanging.
 constexpr int kToolWaitMs = 60000;
 
 }  // namespace
@@ -26,12 +25,12 @@ constexpr int kToolWaitMs = 60000;
 // ----- entry points ---------------------------------------------------------------
 
 TEST_F(PluginTest, EntryPointsNameCreateAndDeleteTheOneInstance) {
-  EXPECT_STREQ("EM_KORVEX", Plugin().m_Name());
+  EXPECT_STREQ("EM_KORVEX", Plugin().Library().GetModuleName());
   EXPECT_STREQ("EM_KORVEX", m_Module->GetName());
   // The instance made in SetUp is deleted once, then there is none.
-  EXPECT_EQ(1, Plugin().m_Delete(nullptr));
-  EXPECT_EQ(0, Plugin().m_Delete(nullptr));
-  EXPECT_STREQ("EM_KORVEX", Plugin().m_Name());
+  EXPECT_EQ(1, Plugin().Library().Delete(nullptr));
+  EXPECT_EQ(0, Plugin().Library().Delete(nullptr));
+  EXPECT_STREQ("EM_KORVEX", Plugin().Library().GetModuleName());
   EXPECT_EQ(
       "\nEM_KORVEX           : CLASS DESTROYED!"
       "\nCTaskSerializer     : TerminateSerialization!"
@@ -39,7 +38,7 @@ TEST_F(PluginTest, EntryPointsNameCreateAndDeleteTheOneInstance) {
       "\n\nCTaskSerializer     : Class destroyed!",
       halvane::TakeTrace());
   void* module = nullptr;
-  ASSERT_EQ(1, Plugin().m_Create(&module));
+  ASSERT_EQ(1, Plugin().Library().Create(&module));
   m_Module = static_cast<CIExtensionModule*>(module);
   EXPECT_EQ("\nCTaskSerializer     : Enable all Tasks\nEM_KORVEX           : CLASS CREATED!",
             halvane::TakeTrace());
@@ -70,16 +69,16 @@ TEST_F(PluginTest, PropertiesThroughTheVirtualInterface) {
 }
 
 TEST_F(PluginTest, SetupActionsThroughTheExportNeedNoInstance) {
-  EXPECT_EQ(1, Plugin().m_Delete(nullptr));
+  EXPECT_EQ(1, Plugin().Library().Delete(nullptr));
   m_Module = nullptr;
   halvane::TakeTrace();
-  EXPECT_EQ(0u, Plugin().m_Setup(3));
+  EXPECT_EQ(0u, Plugin().Library().SetupAction(3));
   EXPECT_EQ("\nEM_KORVEX           : -> SetupAction\nEM_KORVEX           : <- SetupAction",
             halvane::TakeTrace());
   // Without a root in the configuration store action 4 fails before it
   // looks at any directory.
   halvane::ClearRegistry();
-  EXPECT_EQ(0u, Plugin().m_Setup(4));
+  EXPECT_EQ(0u, Plugin().Library().SetupAction(4));
   EXPECT_EQ(
       "\nEM_KORVEX           : -> SetupAction"
       "\nEM_KORVEX (SetupAct): ## Cleanup Korvex archives"
@@ -206,13 +205,10 @@ TEST_F(PluginTest, ToolWritingTheArchiveGivesStatus0InTheOneReply) {
 TEST_F(PluginTest, ToolExiting0WithoutArchiveGives6) {
   WriteFile(Archive(), "previous run");
   WriteTool(m_Dir.Path(), "exit 0");
-  ASSERT_EQ(1, Start(&m_Switch));
-  EXPECT_EQ(1, Request(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295}]}})"));
-  ASSERT_TRUE(m_Switch.WaitForReplies(1, kReplyWaitMs));
-  EXPECT_EQ(1, Stop());
-  ASSERT_EQ(1u, m_Switch.Replies().size());
-  EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295,"ST":6}]}})",
-            m_Switch.Replies()[0].m_Json);
+  std::string reply;
+  ASSERT_NO_FATAL_FAILURE(
+      RunForOneReply(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295}]}})", &reply));
+  EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295,"ST":6}]}})", reply);
   EXPECT_FALSE(Exists(Archive()));  // removed before the run
   EXPECT_TRUE(ContainsInOrder(
       halvane::TakeTrace(),
@@ -222,13 +218,10 @@ TEST_F(PluginTest, ToolExiting0WithoutArchiveGives6) {
 
 TEST_F(PluginTest, ToolExiting7Gives6AndTracesTheCode) {
   WriteTool(m_Dir.Path(), "exit 7");
-  ASSERT_EQ(1, Start(&m_Switch));
-  EXPECT_EQ(1, Request(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295}]}})"));
-  ASSERT_TRUE(m_Switch.WaitForReplies(1, kReplyWaitMs));
-  EXPECT_EQ(1, Stop());
-  ASSERT_EQ(1u, m_Switch.Replies().size());
-  EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295,"ST":6}]}})",
-            m_Switch.Replies()[0].m_Json);
+  std::string reply;
+  ASSERT_NO_FATAL_FAILURE(
+      RunForOneReply(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295}]}})", &reply));
+  EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295,"ST":6}]}})", reply);
   EXPECT_TRUE(ContainsInOrder(
       halvane::TakeTrace(),
       {"\nEM_KORVEX (Create)  : ## ERROR! Korvex archive process was terminated unsuccessfully; "
@@ -237,13 +230,10 @@ TEST_F(PluginTest, ToolExiting7Gives6AndTracesTheCode) {
 
 TEST_F(PluginTest, ToolExiting1IsReportedAsTerminationAtShutdown) {
   WriteTool(m_Dir.Path(), "exit 1");
-  ASSERT_EQ(1, Start(&m_Switch));
-  EXPECT_EQ(1, Request(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295}]}})"));
-  ASSERT_TRUE(m_Switch.WaitForReplies(1, kReplyWaitMs));
-  EXPECT_EQ(1, Stop());
-  ASSERT_EQ(1u, m_Switch.Replies().size());
-  EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295,"ST":6}]}})",
-            m_Switch.Replies()[0].m_Json);
+  std::string reply;
+  ASSERT_NO_FATAL_FAILURE(
+      RunForOneReply(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295}]}})", &reply));
+  EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295,"ST":6}]}})", reply);
   EXPECT_TRUE(ContainsInOrder(
       halvane::TakeTrace(),
       {"\nEM_KORVEX (Create)  : ## Korvex archive process was terminated because of module "
@@ -297,13 +287,11 @@ TEST_F(PluginTest, ForeignKorvexProcessGives5AndTheHeaderFlag) {
   CForeignTool foreign(m_Dir / "elsewhere");
   ASSERT_TRUE(foreign.WaitRunning(kToolWaitMs));
   WriteTool(m_Dir.Path(), "printf ran > '" + Root() + "ran'\nexit 0");
-  ASSERT_EQ(1, Start(&m_Switch));
-  EXPECT_EQ(1, Request(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"OI":3,"CA":4294967295}]}})"));
-  ASSERT_TRUE(m_Switch.WaitForReplies(1, kReplyWaitMs));
-  EXPECT_EQ(1, Stop());
-  ASSERT_EQ(1u, m_Switch.Replies().size());
+  std::string reply;
+  ASSERT_NO_FATAL_FAILURE(
+      RunForOneReply(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"OI":3,"CA":4294967295}]}})", &reply));
   EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"OI":3,"CA":4294967295,"ST":5}],"C":true}})",
-            m_Switch.Replies()[0].m_Json);
+            reply);
   EXPECT_FALSE(Exists(Root() + "ran"));
   EXPECT_TRUE(ContainsInOrder(
       halvane::TakeTrace(),

@@ -533,6 +533,26 @@ TEST_F(SerializerWorker, ThreadFunctionWithoutASerializerOnlyReportsItsExit) {
 
 class SerializerWorkerKill : public SerializerTest {
  protected:
+  // Starts the worker and hands it task (id 1), whose job never returns;
+  // *record is the record in flight once the job has begun.
+  void StickOneTask(CTestSerializer& serializer, CTraceScript& script, SipJson& task,
+                    Record** record) {
+    script.Expect(4, line::EnableAll());
+    serializer.StartSerialization();
+    ExpectStart(script, serializer);
+    script.Sync("start");
+    int result = 0;
+    *record = serializer.InsertWatched(task, CSerializer::TASK_PRIORITY_0, nullptr, &result);
+    ASSERT_EQ(1, result);
+    script.Expect(4, line::Raised(0));
+    script.Expect(5, line::Inserted(0));
+    script.Expect(4, line::Wakeup());
+    script.Expect(4, line::Checking());
+    script.Expect(5, line::Process(*record, 0));
+    script.Expect(1, line::HookExecute(1, 0));
+    script.Sync("stuck task");
+  }
+
   // Terminates a worker that is blocked in task 1 and checks what is left.
   void TerminateStuckWorker(CTestSerializer& serializer, CTraceScript& script, Record* record) {
     serializer.TerminateSerialization();
@@ -571,22 +591,9 @@ TEST_F(SerializerWorkerKill, WorkerBlockedInAnEventWaitIsKilledAndTheProcessLive
       never.Wait(CEvent::kInfinite, 1);  // nobody sets it: only a cancellation ends this
       ADD_FAILURE() << "the wait returned";
     };
-    script.Expect(4, line::EnableAll());
-    serializer.StartSerialization();
-    ExpectStart(script, serializer);
-    script.Sync("start");
     auto task = MakeTask(1);
-    int result = 0;
-    Record* record =
-        serializer.InsertWatched(*task, CSerializer::TASK_PRIORITY_0, nullptr, &result);
-    ASSERT_EQ(1, result);
-    script.Expect(4, line::Raised(0));
-    script.Expect(5, line::Inserted(0));
-    script.Expect(4, line::Wakeup());
-    script.Expect(4, line::Checking());
-    script.Expect(5, line::Process(record, 0));
-    script.Expect(1, line::HookExecute(1, 0));
-    script.Sync("stuck task");
+    Record* record = nullptr;
+    ASSERT_NO_FATAL_FAILURE(StickOneTask(serializer, script, *task, &record));
 
     TerminateStuckWorker(serializer, script, record);
   }
@@ -608,22 +615,9 @@ TEST_F(SerializerWorkerKill, WorkerBlockedInAChildProcessIsKilledAndTheChildCanB
       CProcess::ExecuteCmd(sleeper.c_str(), processId, exitCode, nullptr, false);
       ADD_FAILURE() << "ExecuteCmd returned with exit code " << exitCode;
     };
-    script.Expect(4, line::EnableAll());
-    serializer.StartSerialization();
-    ExpectStart(script, serializer);
-    script.Sync("start");
     auto task = MakeTask(1);
-    int result = 0;
-    Record* record =
-        serializer.InsertWatched(*task, CSerializer::TASK_PRIORITY_0, nullptr, &result);
-    ASSERT_EQ(1, result);
-    script.Expect(4, line::Raised(0));
-    script.Expect(5, line::Inserted(0));
-    script.Expect(4, line::Wakeup());
-    script.Expect(4, line::Checking());
-    script.Expect(5, line::Process(record, 0));
-    script.Expect(1, line::HookExecute(1, 0));
-    script.Sync("stuck task");
+    Record* record = nullptr;
+    ASSERT_NO_FATAL_FAILURE(StickOneTask(serializer, script, *task, &record));
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
     while (__atomic_load_n(&processId, __ATOMIC_ACQUIRE) == 0 &&
            std::chrono::steady_clock::now() < deadline) {

@@ -9,6 +9,7 @@
 #include "host/emhost/loader/ModuleHost.h"
 #include "host/emhost/serve/ServeSession.h"
 #include "host/emhost/serve/Signals.h"
+#include "tests/support/BaseModule.h"
 #include "util/Fd.h"
 
 #include <gtest/gtest.h>
@@ -22,23 +23,6 @@
 
 namespace {
 
-class CPlainModule : public CExtensionModule {};
-
-CIExtensionModule* g_Module = nullptr;
-
-int PlainCreate(void** module) {
-  g_Module = new CPlainModule;
-  *module = g_Module;
-  return 1;
-}
-int PlainDelete(void*) {
-  delete g_Module;
-  g_Module = nullptr;
-  return 1;
-}
-const char* PlainName() { return "EM_PLAIN"; }
-unsigned int PlainSetup(unsigned int action) { return action + 100; }
-
 // Runs a session over input; returns its output, and its exit status in status.
 std::string RunSession(const std::string& input, int& status) {
   const int kSignals[] = {SIGUSR2};
@@ -47,11 +31,7 @@ std::string RunSession(const std::string& input, int& status) {
   EXPECT_EQ(::write(in.Get(), input.data(), input.size()), static_cast<ssize_t>(input.size()));
   ::lseek(in.Get(), 0, SEEK_SET);
   std::FILE* out = std::tmpfile();
-  CModuleLibrary library;
-  library.Create = &PlainCreate;
-  library.Delete = &PlainDelete;
-  library.GetModuleName = &PlainName;
-  library.SetupAction = &PlainSetup;
+  CModuleLibrary& library = korvex_test::BaseModuleLibrary();
   CModuleInstance instance(library);
   std::string error;
   EXPECT_TRUE(instance.Create(&error)) << error;
