@@ -112,6 +112,16 @@ class PluginTest : public ::testing::Test {
     *reply = m_Switch.Replies()[0].m_Json;
   }
 
+  // A create request for every cabinet whose tool run fails: the one reply
+  // carries status 6 and the trace shows traceLine.
+  void ExpectCreateGives6(const std::string& traceLine) {
+    std::string reply;
+    ASSERT_NO_FATAL_FAILURE(
+        RunForOneReply(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295}]}})", &reply));
+    EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295,"ST":6}]}})", reply);
+    EXPECT_TRUE(ContainsInOrder(halvane::TakeTrace(), {traceLine}));
+  }
+
   CTempDir m_Dir;
   CRecordingSwitch m_Switch;
   CIExtensionModule* m_Module = nullptr;

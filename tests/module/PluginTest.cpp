@@ -205,39 +205,24 @@ TEST_F(PluginTest, ToolWritingTheArchiveGivesStatus0InTheOneReply) {
 TEST_F(PluginTest, ToolExiting0WithoutArchiveGives6) {
   WriteFile(Archive(), "previous run");
   WriteTool(m_Dir.Path(), "exit 0");
-  std::string reply;
-  ASSERT_NO_FATAL_FAILURE(
-      RunForOneReply(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295}]}})", &reply));
-  EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295,"ST":6}]}})", reply);
+  ASSERT_NO_FATAL_FAILURE(ExpectCreateGives6(
+      "\n\nEM_KORVEX (Create)  : ## ERROR! Korvex archive process finished successfully, but "
+      "archive not created!\n"));
   EXPECT_FALSE(Exists(Archive()));  // removed before the run
-  EXPECT_TRUE(ContainsInOrder(
-      halvane::TakeTrace(),
-      {"\n\nEM_KORVEX (Create)  : ## ERROR! Korvex archive process finished successfully, but "
-       "archive not created!\n"}));
 }
 
 TEST_F(PluginTest, ToolExiting7Gives6AndTracesTheCode) {
   WriteTool(m_Dir.Path(), "exit 7");
-  std::string reply;
-  ASSERT_NO_FATAL_FAILURE(
-      RunForOneReply(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295}]}})", &reply));
-  EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295,"ST":6}]}})", reply);
-  EXPECT_TRUE(ContainsInOrder(
-      halvane::TakeTrace(),
-      {"\nEM_KORVEX (Create)  : ## ERROR! Korvex archive process was terminated unsuccessfully; "
-       "process exit code = 0x07!"}));
+  ASSERT_NO_FATAL_FAILURE(ExpectCreateGives6(
+      "\nEM_KORVEX (Create)  : ## ERROR! Korvex archive process was terminated unsuccessfully; "
+      "process exit code = 0x07!"));
 }
 
 TEST_F(PluginTest, ToolExiting1IsReportedAsTerminationAtShutdown) {
   WriteTool(m_Dir.Path(), "exit 1");
-  std::string reply;
-  ASSERT_NO_FATAL_FAILURE(
-      RunForOneReply(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295}]}})", &reply));
-  EXPECT_EQ(R"({"SIP":{"V":1,"CMD":[{"OC":13313,"CA":4294967295,"ST":6}]}})", reply);
-  EXPECT_TRUE(ContainsInOrder(
-      halvane::TakeTrace(),
-      {"\nEM_KORVEX (Create)  : ## Korvex archive process was terminated because of module "
-       "shutdown!"}));
+  ASSERT_NO_FATAL_FAILURE(ExpectCreateGives6(
+      "\nEM_KORVEX (Create)  : ## Korvex archive process was terminated because of module "
+      "shutdown!"));
 }
 
 TEST_F(PluginTest, StopTerminatesALongRunningTool) {

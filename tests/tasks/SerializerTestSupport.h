@@ -459,6 +459,18 @@ inline void ExpectEmptyScan(CTraceScript& script) {
   script.Expect(4, line::Waiting());
 }
 
+// The lines of a task of level 0 inserted while the worker waits, up to the
+// start of its job: the raised level, the insert, the worker's wake-up and
+// scan, and the hand-over of the task.
+inline void ExpectPickedUp(CTraceScript& script, const Record* record, unsigned int id) {
+  script.Expect(4, line::Raised(0));
+  script.Expect(5, line::Inserted(0));
+  script.Expect(4, line::Wakeup());
+  script.Expect(4, line::Checking());
+  script.Expect(5, line::Process(record, 0));
+  script.Expect(1, line::HookExecute(id, 0));
+}
+
 // The lines of StartSerialization on the calling thread and of the new
 // worker up to its first wait, which run side by side.
 inline void ExpectStart(CTraceScript& script, CTestSerializer& serializer) {

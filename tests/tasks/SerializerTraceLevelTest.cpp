@@ -47,12 +47,7 @@ TEST_P(SerializerTraceLevels, EveryLineIsWrittenAtItsLevel) {
       serializer->InsertWatched(*busy, CSerializer::TASK_PRIORITY_0, &busyEvent, &result);
   ASSERT_EQ(1, result);
   ASSERT_TRUE(serializer->WaitExecuted(1));
-  script.Expect(4, line::Raised(0));
-  script.Expect(5, line::Inserted(0));
-  script.Expect(4, line::Wakeup());
-  script.Expect(4, line::Checking());
-  script.Expect(5, line::Process(busyRecord, 0));
-  script.Expect(1, line::HookExecute(100, 0));
+  ExpectPickedUp(script, busyRecord, 100);
   script.Sync("busy task");
 
   std::vector<std::unique_ptr<SipJson>> tasks;

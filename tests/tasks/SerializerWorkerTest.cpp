@@ -102,12 +102,7 @@ TEST_P(SerializerWorkerThrowing, TaskStillSetsItsEventFreesItsRecordAndTheNextTa
   int result = 0;
   Record* busyRecord =
       serializer.InsertWatched(*busy, CSerializer::TASK_PRIORITY_0, nullptr, &result);
-  script.Expect(4, line::Raised(0));
-  script.Expect(5, line::Inserted(0));
-  script.Expect(4, line::Wakeup());
-  script.Expect(4, line::Checking());
-  script.Expect(5, line::Process(busyRecord, 0));
-  script.Expect(1, line::HookExecute(100, 0));
+  ExpectPickedUp(script, busyRecord, 100);
   script.Sync("busy task running");
 
   auto throwing = MakeTask(1);
@@ -322,12 +317,7 @@ TEST_F(SerializerWorker, TerminationWhileBusyLetsTheRunningTaskFinishAndDropsThe
   Record* busyRecord =
       serializer.InsertWatched(*busy, CSerializer::TASK_PRIORITY_0, &busyEvent, &result);
   ASSERT_EQ(1, result);
-  script.Expect(4, line::Raised(0));
-  script.Expect(5, line::Inserted(0));
-  script.Expect(4, line::Wakeup());
-  script.Expect(4, line::Checking());
-  script.Expect(5, line::Process(busyRecord, 0));
-  script.Expect(1, line::HookExecute(100, 0));
+  ExpectPickedUp(script, busyRecord, 100);
   script.Sync("busy task running");
 
   auto dropped = MakeTask(1);
@@ -544,12 +534,7 @@ class SerializerWorkerKill : public SerializerTest {
     int result = 0;
     *record = serializer.InsertWatched(task, CSerializer::TASK_PRIORITY_0, nullptr, &result);
     ASSERT_EQ(1, result);
-    script.Expect(4, line::Raised(0));
-    script.Expect(5, line::Inserted(0));
-    script.Expect(4, line::Wakeup());
-    script.Expect(4, line::Checking());
-    script.Expect(5, line::Process(*record, 0));
-    script.Expect(1, line::HookExecute(1, 0));
+    ExpectPickedUp(script, *record, 1);
     script.Sync("stuck task");
   }
 
