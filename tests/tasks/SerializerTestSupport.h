@@ -481,15 +481,22 @@ inline void ExpectStart(CTraceScript& script, CTestSerializer& serializer) {
   script.Worker(4, line::Waiting());
 }
 
-// The lines of TerminateSerialization of an idle, live worker, the worker's
-// exit included (no thread monitor installed).
-inline void ExpectIdleTermination(CTraceScript& script, pthread_t worker) {
+// The lines of TerminateSerialization of an idle, live worker up to the
+// worker's exit from its loop; a thread monitor, where installed, reports
+// the exit next.
+inline void ExpectIdleWorkerStopping(CTraceScript& script) {
   script.Expect(4, line::Terminate());
   script.Expect(4, line::DisableAll());
   script.Expect(4, line::AllRemoved());
   script.Expect(4, line::Wakeup());
   script.Expect(1, line::HookStopped());
   script.Expect(4, line::ExitThread());
+}
+
+// The lines of TerminateSerialization of an idle, live worker, the worker's
+// exit included (no thread monitor installed).
+inline void ExpectIdleTermination(CTraceScript& script, pthread_t worker) {
+  ExpectIdleWorkerStopping(script);
   script.Expect(1, line::ThreadReturn(worker));
   script.Expect(5, line::Terminated());
 }

@@ -219,12 +219,7 @@ TEST_F(SerializerWorker, IdleTerminationEndsTheThreadWithItsExitBookkeeping) {
     const pthread_t worker = serializer->WorkerThread();
     EXPECT_EQ(static_cast<std::uint64_t>(worker), entry->m_ThreadId);
     serializer->TerminateSerialization();
-    script.Expect(4, line::Terminate());
-    script.Expect(4, line::DisableAll());
-    script.Expect(4, line::AllRemoved());
-    script.Expect(4, line::Wakeup());
-    script.Expect(1, line::HookStopped());
-    script.Expect(4, line::ExitThread());
+    ExpectIdleWorkerStopping(script);
     script.Expect(1, Format("CTHREADMONITOR::SetEntryStatusExited(): Status for entry, Handle = %p "
                             "changed (EntryStatus = 0x%08x, ThreadStatus = 0x%08x, ThreadId = "
                             "0x%08X, ThreadCounter = %d)\n",
