@@ -230,6 +230,14 @@ inline std::string TraceUpTo(const std::vector<CLine>& lines, unsigned int maxLe
   return text;
 }
 
+// Lines of destroying an EM_KORVEX whose worker does not run.
+inline std::vector<CLine> DestructionLines() {
+  return {{1, "\nEM_KORVEX           : CLASS DESTROYED!"},
+          {4, "\nCTaskSerializer     : TerminateSerialization!"},
+          {5, "\nCTaskSerializer     :   terminated"},
+          {4, "\n\nCTaskSerializer     : Class destroyed!"}};
+}
+
 }  // namespace korvex_test
 
 namespace korvex_test {

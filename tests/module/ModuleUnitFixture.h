@@ -30,14 +30,6 @@ inline std::vector<CLine> ConstructionLines() {
           {3, "\nEM_KORVEX           : CLASS CREATED!"}};
 }
 
-// Lines of destroying an EM_KORVEX whose worker does not run.
-inline std::vector<CLine> DestructionLines() {
-  return {{1, "\nEM_KORVEX           : CLASS DESTROYED!"},
-          {4, "\nCTaskSerializer     : TerminateSerialization!"},
-          {5, "\nCTaskSerializer     :   terminated"},
-          {4, "\n\nCTaskSerializer     : Class destroyed!"}};
-}
-
 // Lines of a successful GetKorvexPath that reads root (as stored).
 inline std::vector<CLine> GetPathLines(const std::string& rootWithSlash) {
   const std::string key = halvane::ProductRootKey("Korvex");

@@ -31,12 +31,7 @@ TEST_F(PluginTest, EntryPointsNameCreateAndDeleteTheOneInstance) {
   EXPECT_EQ(1, Plugin().Library().Delete(nullptr));
   EXPECT_EQ(0, Plugin().Library().Delete(nullptr));
   EXPECT_STREQ("EM_KORVEX", Plugin().Library().GetModuleName());
-  EXPECT_EQ(
-      "\nEM_KORVEX           : CLASS DESTROYED!"
-      "\nCTaskSerializer     : TerminateSerialization!"
-      "\nCTaskSerializer     :   terminated"
-      "\n\nCTaskSerializer     : Class destroyed!",
-      halvane::TakeTrace());
+  EXPECT_EQ(TraceUpTo(DestructionLines(), 5), halvane::TakeTrace());
   void* module = nullptr;
   ASSERT_EQ(1, Plugin().Library().Create(&module));
   m_Module = static_cast<CIExtensionModule*>(module);
