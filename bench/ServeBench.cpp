@@ -10,7 +10,6 @@
 
 #include <benchmark/benchmark.h>
 
-#include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <poll.h>
