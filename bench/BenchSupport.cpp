@@ -2,6 +2,7 @@
 // installation, requests, the loaded plug-in and child processes.
 #include "bench/BenchSupport.h"
 
+#include "bench/BenchStamp.h"
 #include "frame/ModuleEntry.h"
 #include "host/HostControl.h"
 #include "tests/support/PluginLoader.h"
@@ -96,6 +97,21 @@ bool InstallTool(const std::string& dir, std::string* error) {
   return true;
 }
 
+// Held open for writing as well as for reading: with a writer always there,
+// poll does not report a hang-up each time a tool closes its end and a read
+// of an empty FIFO says EAGAIN, never end of file; and the tool's
+// non-blocking open always finds a reader.
+korvex::CFd MakeStampFifo(const std::string& path, std::string* error) {
+  korvex::CFd fifo;
+  if (::mkfifo(path.c_str(), 0600) != 0) {
+    if (error != nullptr) *error = "mkfifo " + path + ": " + std::strerror(errno);
+    return fifo;
+  }
+  fifo.Reset(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+  if (!fifo && error != nullptr) *error = "open " + path + ": " + std::strerror(errno);
+  return fifo;
+}
+
 // ---------------------------------------------------------------------------
 
 std::string RequestText(unsigned int opcode) {
@@ -156,7 +172,7 @@ void CPluginModule::Shutdown() {
 }
 
 CPluginModule::CPluginModule() {
-  if (!MakeRoot() || !OpenStampPipe()) return;
+  if (!MakeRoot() || !OpenStampFifo()) return;
   halvane::ClearRegistry();
   halvane::SetRegistryValue(halvane::ProductRootKey("Korvex") + "\\Setup", "FileRoot",
                             m_Dir->Path());
@@ -173,19 +189,19 @@ bool CPluginModule::MakeRoot() {
   return InstallTool(m_Dir->Path(), &m_Error);
 }
 
-// The read end is ours alone; the write end is inherited by every child, the
-// module's tool among them, which stamps its exit into it.
-bool CPluginModule::OpenStampPipe() {
-  int fds[2];
-  if (::pipe2(fds, O_CLOEXEC) != 0) {
-    m_Error = std::string("pipe: ") + std::strerror(errno);
+// Every child - the module's tool among them - inherits this process's
+// environment, and with it the FIFO's path.
+bool CPluginModule::OpenStampFifo() {
+  try {
+    m_StampDir = std::make_unique<korvex_test::CTempDir>("korvex-bench-stamps");
+  } catch (const std::exception& e) {
+    m_Error = e.what();
     return false;
   }
-  m_StampRead.Reset(fds[0]);
-  m_StampWrite.Reset(fds[1]);
-  ::fcntl(m_StampRead.Get(), F_SETFL, O_NONBLOCK);
-  ::fcntl(m_StampWrite.Get(), F_SETFD, 0);
-  ::setenv("KORVEX_BENCH_STAMP_FD", std::to_string(m_StampWrite.Get()).c_str(), 1);
+  const std::string path = *m_StampDir / "stamps";
+  m_StampRead = MakeStampFifo(path, &m_Error);
+  if (!m_StampRead) return false;
+  ::setenv(kStampPathVariable, path.c_str(), 1);
   return true;
 }
 
@@ -207,9 +223,9 @@ bool CPluginModule::StartModule() {
 // nothing is gained by unmapping code at exit.
 CPluginModule::~CPluginModule() {
   m_Instance.reset();
+  ::unsetenv(kStampPathVariable);
   m_StampRead.Reset();
-  m_StampWrite.Reset();
-  ::unsetenv("KORVEX_BENCH_STAMP_FD");
+  m_StampDir.reset();
 }
 
 bool CPluginModule::ReadStamp(std::int64_t& stampNs, int timeoutMs) {

@@ -56,6 +56,12 @@ const char* ToolPath();
 // Copies the trivial tool to <dir>/Korvex (mode 0755). False with *error.
 bool InstallTool(const std::string& dir, std::string* error);
 
+// Makes a FIFO at path (mode 0600) for the tool's stamps and opens it
+// non-blocking for reading; the tool finds it through the environment
+// variable kStampPathVariable (bench/BenchStamp.h). An invalid descriptor
+// with *error when it cannot.
+korvex::CFd MakeStampFifo(const std::string& path, std::string* error);
+
 // ----- messages ----------------------------------------------------------------
 constexpr unsigned int kOpcodeQuery = 0x3400;
 constexpr unsigned int kOpcodeCreate = 0x3401;
@@ -90,8 +96,8 @@ class CReplyClock {
 
 // libEM_KORVEX.so loaded through em-host's loader, one instance created and
 // started on a scratch tool root that holds the trivial tool as "Korvex".
-// The tool's exit stamps arrive on StampFd (its write end is inherited by
-// every child).
+// The tool's exit stamps arrive in a FIFO that every child finds through
+// this process's environment.
 class CPluginModule {
  public:
   static CPluginModule& Instance();
@@ -105,7 +111,6 @@ class CPluginModule {
   const korvex_test::CTempDir& Dir() const { return *m_Dir; }
   std::string ToolInRoot() const { return m_Dir->Root() + "Korvex"; }
 
-  int StampFd() const { return m_StampRead.Get(); }
   // Reads one exit stamp, waiting up to timeoutMs; false when none came.
   bool ReadStamp(std::int64_t& stampNs, int timeoutMs);
   // Drops stamps that are waiting.
@@ -115,15 +120,15 @@ class CPluginModule {
   CPluginModule();
   ~CPluginModule();
   bool MakeRoot();
-  bool OpenStampPipe();
+  bool OpenStampFifo();
   bool StartModule();
 
   std::unique_ptr<korvex_test::CTempDir> m_Dir;
   CRecordingSwitch m_Switch{/*keepCopies=*/false};
   CReplyClock m_Clock{m_Switch};
   std::unique_ptr<CModuleInstance> m_Instance;
+  std::unique_ptr<korvex_test::CTempDir> m_StampDir;
   korvex::CFd m_StampRead;
-  korvex::CFd m_StampWrite;
   std::string m_Error;
 };
 

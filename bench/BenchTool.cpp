@@ -4,26 +4,29 @@
 //
 // Without KORVEX_BENCH_TOOL_MODE it writes a small Korvex_Data.zip beside
 // its own executable (the module starts it by its full path, so argv[0]
-// names the tool root), takes CLOCK_MONOTONIC and writes the 8 bytes of the
-// stamp to the descriptor named by KORVEX_BENCH_STAMP_FD (inherited from the
-// benchmark), and _exits with 0. The stamp is the last thing it does, so the
-// time from the stamp to the module's SendReply is the module's (and the
-// host's) reaction to the tool's end.
+// names the tool root), opens the FIFO named by KORVEX_BENCH_STAMP_PATH
+// (made and held open by the benchmark), takes CLOCK_MONOTONIC, writes the 8
+// bytes of the stamp into the FIFO and _exits with 0. The stamp is the last
+// thing it does, so the time from the stamp to the module's SendReply is the
+// module's (and the host's) reaction to the tool's end. Without the variable,
+// or when nobody holds the FIFO open, it stamps nothing.
 //
 // With KORVEX_BENCH_TOOL_MODE=block it writes the stamp and its process id
-// (8 bytes each) and then waits until it is killed: a tool that keeps the
-// module's worker busy while tasks queue up behind it.
+// (8 bytes each, in one write) and then waits until it is killed: a tool
+// that keeps the module's worker busy while tasks queue up behind it.
 //
 // C library calls only: no C++ run time to load, so the tool starts about as
 // fast as a program can.
-#include <fcntl.h>
-#include <time.h>
-#include <unistd.h>
+#include "bench/BenchStamp.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <time.h>
+#include <unistd.h>
 
 namespace {
 
@@ -40,14 +43,34 @@ void WriteAll(int fd, const void* data, std::size_t size) {
   }
 }
 
-void Stamp() {
-  const char* fdText = std::getenv("KORVEX_BENCH_STAMP_FD");
-  if (fdText == nullptr) return;
-  const int fd = std::atoi(fdText);
+// The FIFO, opened before the clock is read so that the stamp stays the
+// last thing the tool does; -1 when there is none. Non-blocking: a FIFO
+// without a reader fails at once (ENXIO) instead of holding the tool.
+int OpenStampFifo() {
+  const char* path = std::getenv(korvex_bench::kStampPathVariable);
+  if (path == nullptr || *path == '\0') return -1;
+  return ::open(path, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+}
+
+std::int64_t MonotonicNs() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  const std::int64_t ns = static_cast<std::int64_t>(now.tv_sec) * 1000000000LL + now.tv_nsec;
-  WriteAll(fd, &ns, sizeof(ns));
+  return static_cast<std::int64_t>(now.tv_sec) * 1000000000LL + now.tv_nsec;
+}
+
+// This process's id as the benchmark sees it. The supervisor may start the
+// tool in a PID namespace of its own, where getpid() is a small number that
+// means another process outside; /proc (mounted for the benchmark's
+// namespace, and not remounted by the supervisor) names the process by the
+// id it has there. 0 when it cannot tell: the benchmark then does without.
+std::int64_t PidOutside() {
+  char text[32];
+  const ssize_t length = ::readlink("/proc/self", text, sizeof(text) - 1);
+  if (length <= 0) return 0;
+  text[length] = '\0';
+  char* end = nullptr;
+  const long pid = std::strtol(text, &end, 10);
+  return (*end == '\0' && pid > 0 && pid < INT_MAX) ? pid : 0;
 }
 
 }  // namespace
@@ -56,11 +79,13 @@ int main(int /*argc*/, char** argv) {
   const char* mode = std::getenv("KORVEX_BENCH_TOOL_MODE");
   if (mode != nullptr && std::strcmp(mode, "block") == 0) {
     // The stamp says "running"; the process id after it lets the benchmark
-    // clean up should the host fail to end the tool.
-    Stamp();
-    const std::int64_t pid = ::getpid();
-    const char* fdText = std::getenv("KORVEX_BENCH_STAMP_FD");
-    if (fdText != nullptr) WriteAll(std::atoi(fdText), &pid, sizeof(pid));
+    // clean up should the host fail to end the tool. One write of 16 bytes:
+    // the FIFO hands it over whole.
+    const int fifo = OpenStampFifo();
+    if (fifo >= 0) {
+      const std::int64_t record[2] = {MonotonicNs(), PidOutside()};
+      WriteAll(fifo, record, sizeof(record));
+    }
     for (;;) ::pause();
   }
 
@@ -90,6 +115,10 @@ int main(int /*argc*/, char** argv) {
   WriteAll(fd, content, sizeof(content));
   ::close(fd);
 
-  Stamp();
+  const int fifo = OpenStampFifo();
+  if (fifo >= 0) {
+    const std::int64_t ns = MonotonicNs();
+    WriteAll(fifo, &ns, sizeof(ns));
+  }
   ::_exit(0);
 }

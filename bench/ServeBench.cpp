@@ -5,11 +5,11 @@
 // Figure 6 (second half): em-host serve's peak resident size (VmHWM) with 19
 // creation tasks queued behind a tool that blocks, against the same session
 // idle.
+#include "bench/BenchStamp.h"
 #include "bench/BenchSupport.h"
 
 #include <benchmark/benchmark.h>
 
-#include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <poll.h>
@@ -175,13 +175,9 @@ std::string QueueBehindABlockedTool(korvex_test::CChildProcess& host, int stampF
 
 // quit stops the module: the worker is given up after its wait, the tool is
 // terminated. "" or what the host left behind.
-std::string EndSession(korvex_test::CChildProcess& host, int stampFd, pid_t tool) {
+std::string EndSession(korvex_test::CChildProcess& host, pid_t tool) {
   host.Write("{\"id\":99,\"control\":\"quit\"}\n");
   host.Finish(60);
-  pollfd ended{stampFd, POLLIN, 0};
-  char drain[64];
-  while (::poll(&ended, 1, 5000) == 1 && ::read(stampFd, drain, sizeof(drain)) > 0) {
-  }
   if (tool <= 1 || !StillRunning(tool)) return "";
   ::kill(tool, SIGKILL);  // the host left it behind
   return "em-host left the tool running";
@@ -205,20 +201,19 @@ void BM_ServePeakRss(benchmark::State& state) {
   const std::string trace = dir.Path() + "/trace.log";
   std::vector<std::string> argv = EmHostServe(dir);
   argv.insert(argv.end() - 1, {"--trace", trace, "--trace-level", "5"});
+  const korvex_test::CTempDir stampDir("korvex-bench-rss-stamps");
+  const std::string fifo = stampDir / "stamps";
+  const korvex::CFd stamps = kb::MakeStampFifo(fifo, &error);
+  if (!stamps) return kb::Fail(state, error);
   for (auto _ : state) {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) return kb::Fail(state, "pipe");
-    const korvex::CFd stamps(fds[0]);
-    ::fcntl(fds[1], F_SETFD, 0);  // inherited: em-host passes it on to the tool
     const auto host = kb::StartChild(
-        argv, {"KORVEX_BENCH_STAMP_FD=" + std::to_string(fds[1]), "KORVEX_BENCH_TOOL_MODE=block"},
+        argv, {std::string(kb::kStampPathVariable) + "=" + fifo, "KORVEX_BENCH_TOOL_MODE=block"},
         dir.Path() + "/stderr.log", &error);
-    ::close(fds[1]);
     if (!host) return kb::Fail(state, "cannot start em-host: " + error);
     CRssFigures figures;
     pid_t tool = 0;
     std::string failed = QueueBehindABlockedTool(*host, stamps.Get(), figures, tool);
-    const std::string left = EndSession(*host, stamps.Get(), tool);
+    const std::string left = EndSession(*host, tool);
     if (failed.empty()) failed = left.empty() ? CheckQueueTrace(trace) : left;
     if (!failed.empty()) return kb::Fail(state, failed);
     state.counters["idle_hwm_kb"] = static_cast<double>(figures.m_IdleHwm);

@@ -63,21 +63,16 @@ command -v em-host | grep -qx /usr/bin/em-host || fail "em-host is not /usr/bin/
 info=$(em-host info) || fail "em-host info: $info"
 grep -qx "library: *$module" <<<"$info" || fail "em-host info names another library: $info"
 
-# --version once the command line has it (its help says so); the man page
-# and the completion come with it.
-if em-host --help | grep -q -- '--version'; then
-  out=$(em-host --version) || fail "em-host --version failed"
-  [ "$(head -n1 <<<"$out")" = "em-host $version" ] || fail "em-host --version: $out"
-  grep -qF "$module" <<<"$out" || fail "em-host --version does not name $module: $out"
-  page=$(man -w em-host) || fail "man -w em-host finds no page"
-  [ "$page" = /usr/share/man/man1/em-host.1.gz ] || fail "man -w em-host: $page"
-  completion=/usr/share/bash-completion/completions/em-host
-  [ -f "$completion" ] || fail "no bash completion at $completion"
-  bash -c "source $completion && complete -p em-host" >/dev/null || fail "the completion registers nothing for em-host"
-else
-  echo "note: this em-host has no --version yet; --help, man page and completion not required" >&2
-  em-host --help >/dev/null || fail "em-host --help failed"
-fi
+# --version names the release and the module it loads; the man page and
+# the bash completion are where man and bash-completion look for them.
+out=$(em-host --version) || fail "em-host --version failed"
+[ "$(head -n1 <<<"$out")" = "em-host $version" ] || fail "em-host --version: $out"
+grep -qF "$module" <<<"$out" || fail "em-host --version does not name $module: $out"
+page=$(man -w em-host) || fail "man -w em-host finds no page"
+[ "$page" = /usr/share/man/man1/em-host.1.gz ] || fail "man -w em-host: $page"
+completion=/usr/share/bash-completion/completions/em-host
+[ -f "$completion" ] || fail "no bash completion at $completion"
+bash -c "source $completion && complete -p em-host" >/dev/null || fail "the completion registers nothing for em-host"
 
 # collect with the demo tool from the examples, in a tool root only root
 # may write to, as em-host demands when it runs as root.
