@@ -115,7 +115,7 @@ unsigned int EM_KORVEX::RunTool(time_t startTime) {
 }
 
 unsigned int EM_KORVEX::CreateArchive(SipJson& request) {
-  const unsigned int timeout = request.GetCmdValue(request.m_CmdIndex, "TO", 0) & 0xFFFFu;
+  const unsigned int timeout = request.GetCmdValue(request.m_CmdIndex, "TO", 0) & korvex::kTimeoutMask;
   KORVEX_TRACE(3, "\nEM_KORVEX (Create)  : Archive creation request, timeout=%d sec.", timeout);
   KORVEX_TRACE(2, "\nEM_KORVEX (Create)  : Start Korvex archive creation...");
 

@@ -79,7 +79,7 @@ bool EM_KORVEX::TransferArchiveToBmc(SipJson& request) {
   // first 0 byte; anything else leaves it empty and the HTI module decides.
   std::string bmcLocalName;
   request.GetDataString(bmcLocalName);
-  unsigned int timeout = request.GetCmdValue(request.m_CmdIndex, "TO", 0) & 0xFFFFu;
+  unsigned int timeout = request.GetCmdValue(request.m_CmdIndex, "TO", 0) & korvex::kTimeoutMask;
 
   KORVEX_TRACE(3, "\nEM_KORVEX (Transfer): Transfer archive to BMC, timeout=%d sec.", timeout);
   if (!bmcLocalName.empty()) {

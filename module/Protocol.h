@@ -17,6 +17,10 @@ constexpr unsigned int kOpcodeTransferArchive = 0x3402u;
 constexpr unsigned int kOpcodeHtiFileTransfer = 0xF052u;
 constexpr unsigned int kKorvexFileType = 2;  // "FileType" of a Korvex archive
 
+// The module keeps the low 16 bits of a request's "TO" (seconds): the
+// largest time limit a request can carry.
+constexpr unsigned int kTimeoutMask = 0xFFFFu;
+
 // Cabinet number that addresses every cabinet.
 constexpr unsigned int kAllCabinets = 0xFFFFFFFFu;
 

@@ -309,7 +309,7 @@ std::string AbsolutePath(const std::string& path) {
 unsigned int DefaultTransferTimeout(unsigned long long archiveBytes) {
   const unsigned long long seconds =
       60ull + (archiveBytes + kSlowDiskBytesPerSec - 1) / kSlowDiskBytesPerSec;
-  return static_cast<unsigned int>(std::min(seconds, 65535ull));
+  return static_cast<unsigned int>(std::min<unsigned long long>(seconds, kMaxTransferTimeout));
 }
 
 std::vector<CEmHostOptionInfo> EmHostOptionInfo() {

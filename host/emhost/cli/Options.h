@@ -2,6 +2,7 @@
 #pragma once
 
 #include "host/emhost/bmc/HtiStandIn.h"
+#include "module/Protocol.h"
 
 #include <string>
 #include <vector>
@@ -50,12 +51,12 @@ bool ParseEmHostOptions(const std::vector<std::string>& args, CEmHostOptions& ou
 
 // The "TO" of a transfer when --timeout does not give it: room for an
 // archive of archiveBytes on a slow disk, 60 s plus one second per 20 MB
-// (kSlowDiskBytesPerSec), at most 65535 (the module keeps 16 bits of "TO").
+// (kSlowDiskBytesPerSec), at most kMaxTransferTimeout.
 constexpr unsigned long long kSlowDiskBytesPerSec = 20000000ull;
 unsigned int DefaultTransferTimeout(unsigned long long archiveBytes);
 
 // The highest --timeout a transfer takes: the module keeps 16 bits of "TO".
-constexpr unsigned int kMaxTransferTimeout = 0xFFFFu;
+constexpr unsigned int kMaxTransferTimeout = korvex::kTimeoutMask;
 
 // What em-host's --help, manual page and shell completion are made of, read
 // from the same tables the parser uses, so that they cannot drift apart.
