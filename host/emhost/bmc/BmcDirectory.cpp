@@ -58,10 +58,6 @@ int CBmcDirectory::CreateTemp(const std::string& base, std::string& name) const 
   return -1;
 }
 
-int CBmcDirectory::OpenEntry(const std::string& name, int flags) const {
-  return KORVEX_RETRY(::openat(m_Fd.Get(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC));
-}
-
 bool CBmcDirectory::Rename(const std::string& from, const std::string& to) const {
   return ::renameat(m_Fd.Get(), from.c_str(), m_Fd.Get(), to.c_str()) == 0;
 }

@@ -29,9 +29,6 @@ class CBmcDirectory {
   // leading dot keeps it out of plain listings; the base name tells what a
   // left-over (after a crash) was meant to become. -1 with errno on failure.
   int CreateTemp(const std::string& base, std::string& name) const;
-  // Opens an entry of the directory with flags (O_NOFOLLOW and O_CLOEXEC
-  // added); -1 with errno.
-  int OpenEntry(const std::string& name, int flags) const;
   bool Rename(const std::string& from, const std::string& to) const;
   // Rename that also tells whether an entry named to was there and is now
   // replaced, decided by the rename itself rather than a look beforehand.

@@ -75,8 +75,6 @@ class CBmcFileTransfer {
   // (production defaults) shape the copy, its throttle included.
   explicit CBmcFileTransfer(std::string bmcDir, CCopySettings settings = CCopySettings{});
 
-  const std::string& BmcDir() const { return m_Dir.Path(); }
-
   // Reads the request's current command; kStatusDone or kStatusBmcBadRequest.
   static unsigned int ParseRequest(const SipJson& request, CBmcTransferRequest& out);
   // Whether a BMC file name may be used: one plain name inside the BMC
