@@ -7,6 +7,7 @@
 // (ParentOf, SignalDescendants) use CFd like the host side.
 #include "host/ProcessTree.h"
 
+#include "host/ToolLog.h"
 #include "util/Fd.h"
 
 #include <cerrno>
@@ -69,33 +70,8 @@ void CloseAllExcept(int (&keep)[4]) {
   ::close_range(from, ~0u, 0);
 }
 
-// The tool's output on its way into the log. A log that reaches its bound
-// is moved aside (replacing the one moved aside before) and started anew,
-// so the two files together never hold much more than twice the half.
-struct CLogCopy {
-  int m_Fd = -1;
-  int m_DirFd = -1;
-  const char* m_Name = nullptr;
-  const char* m_OldName = nullptr;
-  std::size_t m_Half = 0;
-  std::size_t m_Size = 0;
-
-  void Write(const char* data, std::size_t length) {
-    if (m_Fd < 0) return;
-    korvex::WriteAll(m_Fd, data, length);
-    m_Size += length;
-    if (m_Half == 0 || m_Size < m_Half || m_DirFd < 0) return;
-    if (::renameat(m_DirFd, m_Name, m_DirFd, m_OldName) != 0) return;
-    const int fresh = ::openat(
-        m_DirFd, m_Name, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0640);
-    ::close(m_Fd);
-    m_Fd = fresh;
-    m_Size = 0;
-  }
-};
-
 // Copies what the pipe holds now; false at end of file (every writer gone).
-bool CopyOutput(int pipeFd, CLogCopy& log) {
+bool CopyOutput(int pipeFd, CToolLogCopy& log) {
   char buffer[4096];
   for (;;) {
     const ssize_t got = KORVEX_RETRY(::read(pipeFd, buffer, sizeof(buffer)));
@@ -243,7 +219,7 @@ struct CSupervision {
   bool m_Ending = false;
   bool m_Killed = false;
   std::int64_t m_KillAt = 0;
-  CLogCopy m_Log;
+  CToolLogCopy* m_Log = nullptr;
   int m_OutputFd = -1;
 
   void StartEnding() {
@@ -254,7 +230,7 @@ struct CSupervision {
   }
 
   [[noreturn]] void Exit() {
-    if (m_OutputFd >= 0) CopyOutput(m_OutputFd, m_Log);
+    if (m_OutputFd >= 0) CopyOutput(m_OutputFd, *m_Log);
     ::_exit(0);
   }
 
@@ -340,7 +316,7 @@ pid_t StartTool(const CTreeLaunch& launch, int reportFd, int& outputFd) {
   pollfd fds[3] = {{signalFd, POLLIN, 0}, {lifelineFd, POLLIN, 0}, {run.m_OutputFd, POLLIN, 0}};
   for (;;) {
     ::poll(fds, 3, run.PollTimeout());
-    if (fds[2].revents != 0 && !CopyOutput(run.m_OutputFd, run.m_Log)) {
+    if (fds[2].revents != 0 && !CopyOutput(run.m_OutputFd, *run.m_Log)) {
       fds[2].fd = -1;
       ::close(run.m_OutputFd);
       run.m_OutputFd = -1;
@@ -376,15 +352,14 @@ pid_t StartTool(const CTreeLaunch& launch, int reportFd, int& outputFd) {
   run.m_ReportFd = reportFd;
   run.m_GraceMs = launch.m_GraceMs;
   run.m_Tool = StartTool(launch, reportFd, run.m_OutputFd);
-  run.m_Log.m_Fd = launch.m_LogFd;
-  run.m_Log.m_DirFd = launch.m_LogDirFd;
-  run.m_Log.m_Name = launch.m_LogName;
-  run.m_Log.m_OldName = launch.m_LogOldName;
-  run.m_Log.m_Half = launch.m_LogHalfBytes;
   struct stat logStatus {};
+  std::size_t logSize = 0;
   if (launch.m_LogFd >= 0 && ::fstat(launch.m_LogFd, &logStatus) == 0) {
-    run.m_Log.m_Size = static_cast<std::size_t>(logStatus.st_size);
+    logSize = static_cast<std::size_t>(logStatus.st_size);
   }
+  CToolLogCopy log(launch.m_LogFd, launch.m_LogDirFd, launch.m_LogName, launch.m_LogOldName,
+                   launch.m_LogHalfBytes, logSize);
+  run.m_Log = &log;
   Supervise(run, signalFd, lifelineFd);
 }
 
