@@ -67,7 +67,8 @@ for host in alpha beta; do
   grep -Eq "\"$host +ok +300[0-9]{3} bytes" "$work/run.log" || fail "$host: not reported ok with its size"
 done
 [ ! -e "$work/controller/gamma/Korvex_gamma.zip" ] || fail "gamma: an archive was fetched"
-grep -Eq '"gamma +failed .*exit code 3' "$work/run.log" || fail "gamma: not reported failed with the tool's exit code"
+grep -Eq '"gamma +failed +no archive .*exit code 3' "$work/run.log" ||
+  fail "gamma: not reported failed, without an archive, with the tool's exit code"
 grep -q 'Korvex collection failed on 1 of 3 hosts: gamma' "$work/run.log" || fail "no final failure naming gamma"
 # The failure came at the end: both good hosts were verified first.
 [ "$(grep -c 'Verify the checksum on the controller' "$work/run.log")" -ge 1 ] || fail "no verification ran"

@@ -78,6 +78,9 @@ COptionSpec Count(const char* name, const char* value, unsigned int O::*number, 
   return spec;
 }
 
+// --timeout's help below names the transfer's limit as a number.
+static_assert(kMaxTransferTimeout == 65535, "change --timeout's help text with the limit");
+
 // The options in the order --help lists them.
 const COptionSpec kOptions[] = {
     Text("--module", OptionKind::kText, "PATH", "file", &O::m_ModulePath, "needs a path",
