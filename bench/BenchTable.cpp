@@ -218,6 +218,33 @@ void AddArchiveStepRows(const CResults& r, std::vector<CRow>& rows) {
                            stepDelete, "bare posix_spawn+waitpid: ", stepBare));
 }
 
+// Figure 3, the supervisor's shape alone (bench/SupervisorBench.cpp): the
+// starts ExecuteCmd makes, without its own work, against the bare spawn
+// measured beside them; once more with 256 MiB of heap. A shape that could
+// not run here reports -1 and shows as n/a.
+void AddSupervisorShapeRows(const CResults& r, std::vector<CRow>& rows) {
+  const char* const kBench = "BM_SupervisorShapes";
+  const auto shape = [&](const std::string& counter) {
+    const double value = r.Number(kBench, (counter + "_us").c_str());
+    return value < 0.0 ? NAN : value;
+  };
+  const struct {
+    const char* m_Figure;
+    const char* m_Counter;
+  } kRows[] = {
+      {"3 shape: thread, fork, fork + exec (the supervisor's), median", "fork2"},
+      {"3 shape: the same in a new PID namespace, median", "fork2_ns"},
+      {"3 shape: thread, fork, posix_spawn, median", "fork_spawn"},
+      {"3 shape: thread, fork, fork + exec, 256 MiB of heap, median", "fork2_256mib"},
+      {"3 shape: thread, fork, posix_spawn, 256 MiB of heap, median", "fork_spawn_256mib"},
+  };
+  for (const auto& row : kRows) {
+    const bool big = std::string(row.m_Counter).find("_256mib") != std::string::npos;
+    rows.push_back(MicrosRow(row.m_Figure, shape(row.m_Counter),
+                             "bare posix_spawn+waitpid: ", shape(big ? "bare_256mib" : "bare")));
+  }
+}
+
 // Figure 4: em-host serve's throughput.
 void AddServeRows(const CResults& r, std::vector<CRow>& rows) {
   // 4. em-host serve throughput.
@@ -359,9 +386,9 @@ int main(int argc, char** argv) {
   if (!LoadResults(argv[1], document)) return 2;
   const CResults r(document);
   std::vector<CRow> rows;
-  for (const auto add :
-       {AddRequestRows, AddQueueRows, AddArchiveRows, AddArchiveStepRows, AddServeRows,
-        AddTraceRows, AddMemoryRows, AddTransferRows, AddFindProcessRows, AddLongSessionRows}) {
+  for (const auto add : {AddRequestRows, AddQueueRows, AddArchiveRows, AddArchiveStepRows,
+                         AddSupervisorShapeRows, AddServeRows, AddTraceRows, AddMemoryRows,
+                         AddTransferRows, AddFindProcessRows, AddLongSessionRows}) {
     add(r, rows);
   }
   PrintTable(rows);
