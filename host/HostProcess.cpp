@@ -231,12 +231,21 @@ korvex::CFd OpenLogFile(const korvex::CFd& directory, const std::string& name) {
                               O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0640));
 }
 
+// A regular file of this user with no other name: the host may run as root
+// and must not be made to write into somebody else's file.
+bool IsOwnPlainFile(int fd) {
+  struct stat status {};
+  return ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1 &&
+         status.st_uid == ::geteuid();
+}
+
 void AppendLogLine(const CLogFiles& log, const std::string& line) {
   if (!log.m_DirFd) return;
-  // By name: the supervisor may have moved the file it started with aside.
+  // By name: the supervisor may have moved the file it started with aside,
+  // and whatever now has that name is checked again.
   const korvex::CFd fd = OpenLogFile(log.m_DirFd, log.m_Name);
   // A full disk loses the line, nothing more.
-  if (fd) korvex::WriteAll(fd.Get(), line.data(), line.size());
+  if (fd && IsOwnPlainFile(fd.Get())) korvex::WriteAll(fd.Get(), line.data(), line.size());
 }
 
 // Opens the tool log for one run. The log is refused when it is a link, not
@@ -258,11 +267,9 @@ void OpenLog(CLogFiles& log) {
   log.m_HalfBytes = bytes / 2;
   log.m_DirFd.Reset(::open(DirectoryOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (log.m_DirFd) log.m_Fd = OpenLogFile(log.m_DirFd, log.m_Name);
-  struct stat status {};
   if (!log.m_Fd) {
     log.m_Problem = "cannot open " + path + ": " + std::strerror(errno);
-  } else if (::fstat(log.m_Fd.Get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-             status.st_nlink != 1 || status.st_uid != ::geteuid()) {
+  } else if (!IsOwnPlainFile(log.m_Fd.Get())) {
     log.m_Problem = path + " is not a plain file of this user; not used";
   }
   if (!log.m_Problem.empty()) {

@@ -33,8 +33,11 @@ void CToolLogCopy::MoveAside() noexcept {
   // When the log cannot be moved aside it simply grows; the next write
   // tries again.
   if (::renameat(m_DirFd, m_Name, m_DirFd, m_OldName) != 0) return;
-  const int fresh = ::openat(
-      m_DirFd, m_Name, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0640);
+  // The new log is a file of our own making: whatever took the name since
+  // the rename (in a directory others may write) is removed, never opened.
+  ::unlinkat(m_DirFd, m_Name, 0);
+  const int fresh = ::openat(m_DirFd, m_Name,
+                             O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0640);
   ::close(m_Fd);
   m_Fd = fresh;
   m_Size = 0;

@@ -243,6 +243,20 @@ TEST_F(ProcessTreeTest, ALogThatIsALinkIsNotFollowed) {
   EXPECT_FALSE(last.m_LogProblem.empty());
 }
 
+TEST_F(ProcessTreeTest, TheEndLineIsNotWrittenThroughAnotherNameOfAFile) {
+  // The host writes its end line by the log's name; a tool (or anyone who
+  // may write the directory) put a second name of another file there.
+  const std::string target = m_Dir / "elsewhere";
+  hosttest::WriteFile(target, "keep\n");
+  WriteScript(m_Dir / "Korvex", "rm -f '" + (m_Dir / "tool.log") + "'\nln '" + target + "' '" +
+                                    (m_Dir / "tool.log") + "'\nexit 0");
+  unsigned int pid = 0;
+  unsigned int code = 7;
+  ASSERT_TRUE(CProcess::ExecuteCmd((m_Dir / "Korvex").c_str(), pid, code, nullptr, false));
+  EXPECT_EQ(0u, code);
+  EXPECT_EQ("keep\n", ReadFile(target));
+}
+
 TEST_F(ProcessTreeTest, StartFailuresSayWhy) {
   unsigned int pid = 0;
   unsigned int code = 0;
@@ -298,6 +312,20 @@ TEST_F(ProcessTreeRootTest, AToolInADirectoryOthersCanWriteIsRefused) {
   ASSERT_EQ(0, ::chmod(open.c_str(), 0777));
   WriteScript(open + "/Korvex", "touch '" + (m_Dir / "ran") + "'");
   ExpectRefused(open + "/Korvex", "its directory " + open + " is writable by group or others");
+}
+
+TEST_F(ProcessTreeRootTest, TheEndLineIsNotWrittenIntoAnotherUsersFileInTheLogsPlace) {
+  const std::string log = m_Dir / "tool.log";
+  WriteScript(m_Dir / "Korvex",
+              "rm -f '" + log + "'\n: > '" + log + "'\nchown 65534 '" + log + "'\nexit 0");
+  unsigned int pid = 0;
+  unsigned int code = 7;
+  ASSERT_TRUE(CProcess::ExecuteCmd((m_Dir / "Korvex").c_str(), pid, code, nullptr, false));
+  EXPECT_EQ(0u, code);
+  struct stat status {};
+  ASSERT_EQ(0, ::stat(log.c_str(), &status));
+  EXPECT_EQ(65534u, status.st_uid);
+  EXPECT_EQ("", ReadFile(log));
 }
 
 TEST_F(ProcessTreeTest, FindProcessSeesTheRunningTool) {

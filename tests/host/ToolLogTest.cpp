@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <random>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -105,6 +106,26 @@ TEST_F(ToolLogTest, WhatTheLogHeldBeforeCountsTowardsTheBound) {
   }
   EXPECT_EQ(started + first, Old());
   EXPECT_EQ(next, Current());
+}
+
+TEST_F(ToolLogTest, TheNewLogIsAlwaysAFileOfItsOwn) {
+  // The old name already links to the log: the rename is then a no-op and
+  // the log's name is still taken when the new log is made. Opening that
+  // name again would truncate the file just moved aside.
+  const std::string first = Lines(0, 20);
+  const std::string next = Lines(20, 1);
+  const int fd = OpenLog();
+  ASSERT_EQ(0, ::linkat(m_DirFd, "tool.log", m_DirFd, "tool.log.1", 0));
+  {
+    CToolLogCopy log(fd, m_DirFd, "tool.log", "tool.log.1", kHalf, 0);
+    log.Write(first.data(), first.size());
+    log.Write(next.data(), next.size());
+  }
+  EXPECT_EQ(first, Old());
+  EXPECT_EQ(next, Current());
+  struct stat status {};
+  ASSERT_EQ(0, ::stat((m_Dir / "tool.log").c_str(), &status));
+  EXPECT_EQ(1u, status.st_nlink);
 }
 
 TEST_F(ToolLogTest, ALineWithoutAnEndIsCutAtTwiceTheHalf) {
