@@ -6,12 +6,11 @@
 //
 // Plain per-thread data only: it is touched from inside malloc, also while
 // the thread library sets a thread up.
-#include <malloc.h>
+#include "bench/BenchSupport.h"
 
 #include <cstddef>
 #include <cstring>
-
-#include "bench/BenchSupport.h"
+#include <malloc.h>
 
 extern "C" {
 void* __libc_malloc(std::size_t size);

@@ -12,14 +12,10 @@
 #include <benchmark/benchmark.h>
 
 #include <dirent.h>
-#include <spawn.h>
 #include <string>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
-
-extern char** environ;
 
 namespace kb = korvex_bench;
 
@@ -31,15 +27,10 @@ constexpr int kMaxForeignRetries = 200;
 
 // One bare run: spawn the tool by the same path and wait for it.
 bool BareRun(const std::string& tool, std::int64_t& elapsed) {
-  char* const argv[] = {const_cast<char*>(tool.c_str()), nullptr};
   const std::int64_t t0 = kb::NowNs();
-  pid_t pid = -1;
-  if (posix_spawn(&pid, tool.c_str(), nullptr, nullptr, argv, environ) != 0) return false;
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-  }
+  const bool ok = kb::ReapExitedZero(kb::SpawnTool(tool.c_str()));
   elapsed = kb::NowNs() - t0;
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return ok;
 }
 
 struct CCreationSamples {

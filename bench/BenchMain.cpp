@@ -1,12 +1,12 @@
 // korvex_bench's main: the host's side set up as em-host sets it up (trace
 // switch off, thread monitor installed), then Google Benchmark, then the
 // loaded module stopped and deleted.
-#include <signal.h>
+#include "bench/BenchSupport.h"
+#include "host/HostControl.h"
 
 #include <benchmark/benchmark.h>
 
-#include "bench/BenchSupport.h"
-#include "host/HostControl.h"
+#include <signal.h>
 
 int main(int argc, char** argv) {
   // A child that dies early must not take the benchmark with it.

@@ -20,9 +20,13 @@
 #include <fstream>
 #include <poll.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+
+extern char** environ;
 
 namespace korvex_bench {
 
@@ -52,6 +56,18 @@ long EnvNumber(const char* name, long fallback) {
   char* end = nullptr;
   const long value = std::strtol(text, &end, 10);
   return (*end == '\0' && value > 0) ? value : fallback;
+}
+
+pid_t SpawnTool(const char* tool) {
+  char* const argv[] = {const_cast<char*>(tool), nullptr};
+  pid_t pid = -1;
+  return posix_spawn(&pid, tool, nullptr, nullptr, argv, environ) == 0 ? pid : -1;
+}
+
+bool ReapExitedZero(pid_t pid) {
+  int status = 0;
+  if (pid <= 0 || KORVEX_RETRY(::waitpid(pid, &status, 0)) != pid) return false;
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 namespace {

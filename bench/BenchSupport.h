@@ -38,6 +38,12 @@ double Percentile(std::vector<std::int64_t> samples, double percent);
 // An unsigned number from the environment, or fallback.
 long EnvNumber(const char* name, long fallback);
 
+// ----- the reference process start --------------------------------------------
+// posix_spawn of tool (no arguments), -1 when it could not be started.
+pid_t SpawnTool(const char* tool);
+// Waits for pid; true when it exited with 0 (false for a pid of -1).
+bool ReapExitedZero(pid_t pid);
+
 // ----- heap counter (AllocCount.cpp) -----------------------------------------
 struct CHeapCount {
   long long m_Blocks;  // blocks allocated minus blocks freed

@@ -4,15 +4,14 @@
 // switch on but every line filtered out by the host's level. The reference is
 // the base class's ModuleRequest (status 1, nothing else): the least a
 // request to any module costs.
-#include <unistd.h>
+#include "bench/BenchSupport.h"
+#include "host/HostControl.h"
 
 #include <benchmark/benchmark.h>
 
 #include <string>
+#include <unistd.h>
 #include <vector>
-
-#include "bench/BenchSupport.h"
-#include "host/HostControl.h"
 
 namespace kb = korvex_bench;
 

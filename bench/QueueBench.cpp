@@ -7,18 +7,17 @@
 //
 // The serializer is the module's own CTaskSerializer<SipJson>, compiled into
 // this program from its header, with a probe as the derived class.
-#include <semaphore.h>
+#include "bench/BenchSupport.h"
+#include "tasks/TaskSerializer.h"
 
 #include <benchmark/benchmark.h>
 
 #include <atomic>
 #include <memory>
+#include <semaphore.h>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include "bench/BenchSupport.h"
-#include "tasks/TaskSerializer.h"
 
 namespace kb = korvex_bench;
 

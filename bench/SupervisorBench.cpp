@@ -18,7 +18,6 @@
 
 #include <cstring>
 #include <sched.h>
-#include <spawn.h>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
@@ -33,41 +32,28 @@ namespace {
 
 enum class Shape { kBare, kFork2, kFork2Namespace, kForkSpawn };
 
-pid_t SpawnTool(const char* tool) {
-  char* const argv[] = {const_cast<char*>(tool), nullptr};
-  pid_t pid = -1;
-  return posix_spawn(&pid, tool, nullptr, nullptr, argv, environ) == 0 ? pid : -1;
-}
-
-bool Reap(pid_t pid) {
-  int status = 0;
-  while (pid > 0 && ::waitpid(pid, &status, 0) < 0) {
-  }
-  return pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 // The supervisor's part: start the tool, wait for it, _exit with its result.
 [[noreturn]] void Supervise(const char* tool, bool spawn) {
   pid_t pid = -1;
   if (spawn) {
-    pid = SpawnTool(tool);
+    pid = kb::SpawnTool(tool);
   } else if ((pid = ::fork()) == 0) {
     char* const argv[] = {const_cast<char*>(tool), nullptr};
     ::execve(tool, argv, environ);
     ::_exit(127);
   }
-  ::_exit(Reap(pid) ? 0 : 1);
+  ::_exit(kb::ReapExitedZero(pid) ? 0 : 1);
 }
 
 // One start and end of the tool in the given shape; false when it failed.
 bool RunShape(Shape shape, const char* tool) {
-  if (shape == Shape::kBare) return Reap(SpawnTool(tool));
+  if (shape == Shape::kBare) return kb::ReapExitedZero(kb::SpawnTool(tool));
   bool ok = false;
   std::thread watcher([&] {
     if (shape == Shape::kFork2Namespace && ::unshare(CLONE_NEWPID) != 0) return;
     const pid_t supervisor = ::fork();
     if (supervisor == 0) Supervise(tool, shape == Shape::kForkSpawn);
-    ok = Reap(supervisor);
+    ok = kb::ReapExitedZero(supervisor);
   });
   watcher.join();
   return ok;
